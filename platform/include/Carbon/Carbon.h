@@ -1,0 +1,153 @@
+/* Carbon: the Event Manager, windows and controls from nibs (HIToolbox), and,
+ * through the umbrella includes, CoreFoundation, Multiprocessing Services, the
+ * Process Manager and CoreGraphics. */
+#ifndef __CARBON__
+#define __CARBON__
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <CoreServices/CoreServices.h>
+#include <ApplicationServices/ApplicationServices.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Event Manager ---- */
+typedef struct OpaqueEventRef* EventRef;
+typedef struct OpaqueEventTargetRef* EventTargetRef;
+typedef struct OpaqueEventHandlerRef* EventHandlerRef;
+typedef struct OpaqueEventHandlerCallRef* EventHandlerCallRef;
+typedef struct OpaqueHIObjectRef* HIObjectRef;
+typedef struct OpaqueWindowPtr* WindowRef;
+typedef WindowRef WindowPtr;
+typedef struct OpaqueControlRef* ControlRef;
+typedef ControlRef HIViewRef;
+typedef struct OpaqueMenuRef* MenuRef;
+typedef struct OpaqueIBNibRef* IBNibRef;
+
+typedef double EventTime;
+typedef UInt32 EventAttributes;
+typedef OSType EventParamName;
+typedef OSType EventParamType;
+typedef UInt16 MenuItemIndex;
+typedef SInt16 ControlPartCode;
+
+typedef OSStatus (*EventHandlerProcPtr)(EventHandlerCallRef inHandlerCallRef, EventRef inEvent, void* inUserData);
+typedef EventHandlerProcPtr EventHandlerUPP;
+
+typedef struct EventTypeSpec {
+    OSType eventClass;
+    UInt32 eventKind;
+} EventTypeSpec;
+
+#pragma pack(push, 2)
+typedef struct HICommand {
+    UInt32 attributes;
+    UInt32 commandID;
+    struct {
+        MenuRef menuRef;
+        MenuItemIndex menuItemIndex;
+    } menu;
+} HICommand;
+#pragma pack(pop)
+
+enum {
+    kEventClassCommand = 'cmds',
+    kEventClassControl = 'cntl',
+    kEventClassWindow = 'wind',
+    kEventClassApplication = 'appl'
+};
+enum { kEventCommandProcess = 1 };
+enum { kEventControlHit = 1 };
+enum { kEventWindowClose = 72 };
+enum {
+    kEventParamDirectObject = '----',
+    kEventParamControlPart = 'cprt',
+    kEventParamKeyModifiers = 'kmod'
+};
+enum {
+    typeControlRef = 'ctrl',
+    typeWindowRef = 'wind',
+    typeHICommand = 'hcmd',
+    typeControlPartCode = 'cprt',
+    typeUInt32 = 'magn',
+    typeWildCard = '****'
+};
+enum { kEventAttributeNone = 0, kEventAttributeUserEvent = 1 };
+enum { kHICommandOK = 'ok  ', kHICommandCancel = 'not!', kHICommandClose = 'clos' };
+
+EventHandlerUPP NewEventHandlerUPP(EventHandlerProcPtr userRoutine);
+void DisposeEventHandlerUPP(EventHandlerUPP userUPP);
+
+OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler, ItemCount inNumTypes,
+                             const EventTypeSpec* inList, void* inUserData, EventHandlerRef* outRef);
+OSStatus RemoveEventHandler(EventHandlerRef inHandlerRef);
+OSStatus CallNextEventHandler(EventHandlerCallRef inCallRef, EventRef inEvent);
+
+EventTargetRef GetApplicationEventTarget(void);
+EventTargetRef GetWindowEventTarget(WindowRef inWindow);
+EventTargetRef GetControlEventTarget(ControlRef inControl);
+EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject);
+
+#define InstallApplicationEventHandler(h, n, l, u, r) \
+    InstallEventHandler(GetApplicationEventTarget(), (h), (n), (l), (u), (r))
+#define InstallWindowEventHandler(t, h, n, l, u, r) \
+    InstallEventHandler(GetWindowEventTarget(t), (h), (n), (l), (u), (r))
+#define InstallControlEventHandler(t, h, n, l, u, r) \
+    InstallEventHandler(GetControlEventTarget(t), (h), (n), (l), (u), (r))
+#define GetEventTypeCount(t) (sizeof((t)) / sizeof(EventTypeSpec))
+
+OSStatus CreateEvent(CFAllocatorRef inAllocator, UInt32 inClassID, UInt32 inKind, EventTime inWhen,
+                     EventAttributes inAttributes, EventRef* outEvent);
+EventRef RetainEvent(EventRef inEvent);
+void ReleaseEvent(EventRef inEvent);
+OSStatus SetEventParameter(EventRef inEvent, EventParamName inName, EventParamType inType, ByteCount inSize,
+                           const void* inDataPtr);
+OSStatus GetEventParameter(EventRef inEvent, EventParamName inName, EventParamType inDesiredType,
+                           EventParamType* outActualType, ByteCount inBufferSize, ByteCount* outActualSize,
+                           void* outData);
+UInt32 GetEventClass(EventRef inEvent);
+UInt32 GetEventKind(EventRef inEvent);
+EventTime GetCurrentEventTime(void);
+OSStatus SendEventToEventTarget(EventRef inEvent, EventTargetRef inTarget);
+
+void RunApplicationEventLoop(void);
+void QuitApplicationEventLoop(void);
+OSStatus RunAppModalLoopForWindow(WindowRef inWindow);
+OSStatus QuitAppModalLoopForWindow(WindowRef inWindow);
+
+/* ---- Windows and controls from nibs ---- */
+typedef struct ControlID {
+    OSType signature;
+    SInt32 id;
+} ControlID;
+typedef ControlID HIViewID;
+
+enum { kControlEntireControl = 0, kControlEditTextPart = 5 };
+enum { kControlStaticTextCFStringTag = 'cfst', kControlStaticTextTextTag = 'text' };
+
+OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef);
+void DisposeNibReference(IBNibRef inNibRef);
+OSStatus CreateWindowFromNib(IBNibRef inNibRef, CFStringRef inName, WindowRef* outWindow);
+
+void ShowWindow(WindowRef window);
+void HideWindow(WindowRef window);
+void DisposeWindow(WindowRef window);
+Boolean IsValidWindowPtr(WindowRef possibleWindow);
+Boolean IsWindowVisible(WindowRef window);
+
+OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* outControl);
+OSErr SetControlData(ControlRef inControl, ControlPartCode inPart, ResType inTagName, Size inSize,
+                     const void* inData);
+OSErr GetControlData(ControlRef inControl, ControlPartCode inPart, ResType inTagName, Size inBufferSize,
+                     void* inBuffer, Size* outActualSize);
+WindowRef GetControlOwner(ControlRef inControl);
+HIViewRef HIViewGetRoot(WindowRef inWindow);
+OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outControl);
+OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,54 @@
+/* Our own hooks into the platform layer, for tests and for the backends.
+ * Nothing here exists on the Mac; every name carries the Plat prefix. */
+#ifndef PLATFORM_TESTING_H
+#define PLATFORM_TESTING_H
+
+#include <Carbon/Carbon.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The path the layer takes as the running executable (and so the main bundle).
+ * Null restores /proc/self/exe. Forgets the cached main bundle. */
+void PlatSetExecutablePath(const char* path);
+
+/* The text sysctl answers for {CTL_KERN, KERN_OSRELEASE}. Null restores the
+ * default (the host's release on Darwin, "10.8.0" elsewhere). An empty text is
+ * answered as a release of length 0. */
+void PlatSetOSRelease(const char* release);
+
+/* The window backend, chosen once when the first window is created: "scripted",
+ * "terminal", "none" or "gtk". Before that, a test may force one; null lets the
+ * layer choose (a display: gtk; a terminal on standard input: terminal; else none). */
+void PlatSetBackend(const char* name);
+const char* PlatGetBackendName(void); /* null until chosen */
+
+/* ---- The scripted backend: what the "user" does once a window is shown ---- */
+typedef enum {
+    kPlatScriptNothing = 0,     /* leave the window up */
+    kPlatScriptPressControl,    /* a hit on control {signature, id} */
+    kPlatScriptClose            /* the close box */
+} PlatScriptAction;
+
+/* Set the answer for windows created from the nib window of that name. The
+ * answer is queued as an event for the main thread when the window is shown. */
+void PlatScriptSetAction(const char* windowName, PlatScriptAction action, OSType signature, SInt32 id);
+void PlatScriptReset(void); /* forget every answer and every record */
+
+/* What is and was shown, by nib window name. */
+int PlatScriptShowCount(const char* windowName);      /* times ShowWindow made it visible */
+Boolean PlatScriptIsVisible(const char* windowName);  /* a live window of that name is visible */
+/* The text of control {signature, id} in the live window of that name, UTF-8.
+ * False when there is no such window or control. */
+Boolean PlatScriptGetControlText(const char* windowName, OSType signature, SInt32 id, char* buffer,
+                                 size_t size);
+
+/* Runs queued cross-thread events on the main thread without entering a loop. */
+void PlatDrainEvents(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
