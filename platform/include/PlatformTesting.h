@@ -14,9 +14,11 @@ extern "C" {
 void PlatSetExecutablePath(const char* path);
 
 /* The text sysctl answers for {CTL_KERN, KERN_OSRELEASE}. Null restores the
- * default (the host's release on Darwin, "10.8.0" elsewhere). An empty text is
- * answered as a release of length 0. */
+ * default (the host's release on Darwin, "10.8.0" elsewhere). The answer's length
+ * counts the terminator, so an empty text is answered as one zero byte. */
 void PlatSetOSRelease(const char* release);
+/* Makes every sysctl for {CTL_KERN, KERN_OSRELEASE} fail with -1 and ENOENT. */
+void PlatSetOSReleaseQueryFails(Boolean fails);
 
 /* The window backend, chosen once when the first window is created: "scripted",
  * "terminal", "none" or "gtk". Before that, a test may force one; null lets the

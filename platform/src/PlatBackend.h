@@ -50,6 +50,9 @@ typedef struct PlatWindowInfo {
 Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info);
 Boolean PlatGetControlInfo(WindowRef window, size_t index, PlatControlInfo* info);
 
+/* A decoded picture as 8-bit RGBA rows, width * 4 bytes each (CoreGraphics side). */
+const unsigned char* PlatCGImageGetRGBA(CGImageRef image);
+
 /* Input from the user, turned into Carbon events dispatched on the main thread:
  * a kEventControlHit to the control, a kEventWindowClose to the window. */
 void PlatPostControlHit(ControlRef control);
