@@ -28,6 +28,12 @@ bool GetInstalledVersion();
 bool IsApplicationExists();
 bool IsFileExist(const char* path);
 
+/* The launch decision on the two records (tables A and B of the entry point): the dialog
+ * to show and, for the two message boxes, its text key; kNoDialog when the installed
+ * copy is as new as the package or newer and is to be started. */
+enum DialogChoice { kNoDialog = 0, kMessageBoxR7, kWarningBoxR7, kMessageBox };
+DialogChoice ChooseDialog(const VersionRecord* installed, const VersionRecord* package, const char** textKey);
+
 /* ---- Bundle location and application launch (BundleLaunch.cpp) ---- */
 bool GetModulePath(char* buffer, int32_t size);
 char* strrstr(const char* haystack, const char* needle);

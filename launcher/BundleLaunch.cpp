@@ -1,0 +1,154 @@
+/* Where the launcher's bundle lies, and the start of the installed application. */
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "Common/Log.h"
+#include "Launcher.h"
+#include "bounded/bounded.h"
+
+namespace {
+constexpr const char* kSource = "main";
+constexpr const char* kContentsMarker = "/Contents";
+constexpr const char* kOpenCommand = "open -a \"";
+constexpr size_t kExecutablePathSize = 256;
+constexpr size_t kCommandSize = 1024;
+// A bundle URL's text: room for a 1023-character path with every byte escaped.
+constexpr size_t kURLTextSize = 4096;
+
+int HexDigitValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+// The path part of a URL's text: what follows its scheme and host.
+const char* URLPathPart(const char* text) {
+    const char* afterScheme = strstr(text, "://");
+    if (afterScheme == NULL) {
+        return text;
+    }
+    const char* path = strchr(afterScheme + 3, '/');
+    return path != NULL ? path : "";
+}
+
+// Systems before 10.5: the percent-decoded path of the bundle's own URL.
+bool GetBundlePathFromURL(CFBundleRef bundle, char* buffer, int32_t size) {
+    CFURLRef bundleURL = CFBundleCopyBundleURL(bundle);
+    if (bundleURL == NULL) {
+        return false;
+    }
+    char urlText[kURLTextSize];
+    char decoded[kURLTextSize];
+    memset_s(urlText, sizeof(urlText), 0, sizeof(urlText));
+    memset_s(decoded, sizeof(decoded), 0, sizeof(decoded));
+    CFStringRef text = CFURLGetString(bundleURL);
+    bool haveText = text != NULL && CFStringGetCString(text, urlText, sizeof(urlText), kCFStringEncodingUTF8);
+    CFRelease(bundleURL);
+    if (!haveText) {
+        return false;
+    }
+
+    URLToString(URLPathPart(urlText), decoded);
+    // The URL of a directory ends in "/"; the bundle path is given without it, as on
+    // later systems.
+    size_t length = strlen(decoded);
+    if (length > 1 && decoded[length - 1] == '/') {
+        decoded[length - 1] = '\0';
+    }
+    if (decoded[0] != '\0') {
+        strncpy_s(buffer, size, decoded, size - 1);
+    }
+    return true;
+}
+} // namespace
+
+bool GetModulePath(char* buffer, int32_t size) {
+    if (buffer == NULL || size < 1) {
+        Log(kSource, "GetModulePath", "param error");
+        return false;
+    }
+    CFBundleRef bundle = CFBundleGetMainBundle();
+
+    if (IsOldThanMacOS105()) {
+        return GetBundlePathFromURL(bundle, buffer, size);
+    }
+
+    char executablePath[kExecutablePathSize];
+    memset_s(executablePath, sizeof(executablePath), 0, sizeof(executablePath));
+    CFURLRef executableURL = CFBundleCopyExecutableURL(bundle);
+    bool havePath =
+        executableURL != NULL &&
+        CFURLGetFileSystemRepresentation(executableURL, TRUE, reinterpret_cast<UInt8*>(executablePath),
+                                         sizeof(executablePath));
+    if (executableURL != NULL) {
+        CFRelease(executableURL);
+    }
+    if (!havePath) {
+        Log(kSource, "GetModulePath", "Get app path failed.");
+        return false;
+    }
+
+    char* contents = strrstr(executablePath, kContentsMarker);
+    if (contents == NULL) {
+        Log(kSource, "GetModulePath", "strrstr error.");
+        return false;
+    }
+    *contents = '\0';
+    strncpy_s(buffer, size, executablePath, size - 1);
+    return true;
+}
+
+char* strrstr(const char* haystack, const char* needle) {
+    if (haystack == NULL || needle == NULL || needle[0] == '\0') {
+        return NULL;
+    }
+    const char* last = NULL;
+    // Each search starts one character after the previous match, so overlapping
+    // occurrences count.
+    for (const char* match = strstr(haystack, needle); match != NULL; match = strstr(match + 1, needle)) {
+        last = match;
+    }
+    return const_cast<char*>(last);
+}
+
+bool URLToString(const char* source, char* destination) {
+    if (source == NULL || destination == NULL) {
+        return false;
+    }
+    size_t length = strlen(source);
+    size_t out = 0;
+    for (size_t i = 0; i < length; i++) {
+        int high = -1;
+        int low = -1;
+        if (source[i] == '%' && i + 2 < length) {
+            high = HexDigitValue(source[i + 1]);
+            low = HexDigitValue(source[i + 2]);
+        }
+        if (high >= 0 && low >= 0) {
+            destination[out++] = static_cast<char>(high << 4 | low);
+            i += 2;
+        } else {
+            // A malformed escape, or one cut short by the end of the text, stays as it is.
+            destination[out++] = source[i];
+        }
+    }
+    return true;
+}
+
+void AutoRunApplication() {
+    char command[kCommandSize];
+    memset_s(command, sizeof(command), 0, sizeof(command));
+    QuitApplicationEventLoop();
+
+    strncpy_s(command, sizeof(command), kOpenCommand, sizeof(command) - 1);
+    strncat_s(command, sizeof(command), szAppPath, sizeof(command) - 1 - strlen(command));
+    strncat_s(command, sizeof(command), "\"", sizeof(command) - 1 - strlen(command));
+    system(command);
+
+    Log(kSource, "AutoRunApplication", "AutoRunApplication end......");
+}

@@ -1,0 +1,59 @@
+/* The launcher's entry point: start-up, the launch decision and its outcomes. */
+
+#include "Common/Log.h"
+#include "Launcher.h"
+
+namespace {
+constexpr const char* kSource = "main";
+constexpr const char* kLogFile = "/var/tmp/Kestrun.log";
+constexpr const char* kEventName = "QV_EVENT";
+constexpr const char* kUpdaterProcess = "UpdateWizard";
+constexpr const char* kStagedPackage = "/tmp/qv_tmp_vantorel.mpkg";
+} // namespace
+
+int main(int /*argc*/, char** /*argv*/) {
+    InitLogSystem(kLogFile);
+    SetEvent(kEventName);
+    Log(kSource, "main", "Main Enter");
+
+    // An unreadable package record leaves the path empty, which ends in INSTALL below.
+    GetPkgVersion();
+    Log(kSource, "main", "GetPkgVersion Sunccess");
+
+    if (!IsApplicationExists()) {
+        // INSTALL: install the carried package, with isShowProcessWindow.
+        CloseLogSystem();
+        return 0;
+    }
+
+    if (IsProcessExists(kUpdaterProcess)) {
+        // UPDATER: leave everything to the running updater.
+        return 0;
+    }
+
+    // An unreadable installed record stays all zeros and is judged as such.
+    GetInstalledVersion();
+
+    const char* textKey = NULL;
+    DialogChoice dialog = ChooseDialog(&installedVersion, &pkgVersion, &textKey);
+    if (dialog == kNoDialog) {
+        Log(kSource, "main", "CheckInstallerExists");
+        if (IsFileExist(kStagedPackage)) {
+            // STOP: an installation has staged its package; leave it alone.
+            Log(kSource, "main", "Installer Exists stop event");
+            StopEvent();
+            CloseLogSystem();
+            return 0;
+        }
+        // LAUNCH
+        AutoRunApplication();
+        CloseLogSystem();
+        return 0;
+    }
+
+    // DIALOG: dialog (MessageBoxR7, WarningBoxR7 or MessageBox) with textKey.
+    // The dialogs and the installation (INSTALL above) are carried out elsewhere.
+    (void)textKey;
+    CloseLogSystem();
+    return 0;
+}
