@@ -21,7 +21,11 @@ int main(int /*argc*/, char** /*argv*/) {
     Log(kSource, "main", "GetPkgVersion Sunccess");
 
     if (!IsApplicationExists()) {
-        // INSTALL: install the carried package, with isShowProcessWindow.
+        // INSTALL: the dispatch signals the completion event on every ending.
+        Log(kSource, "main", "Application isn't Exist,then install");
+        AutoInstallPkg(isShowProcessWindow);
+        Wait(static_cast<uint32_t>(-1));
+        StopEvent();
         CloseLogSystem();
         return 0;
     }
@@ -51,9 +55,15 @@ int main(int /*argc*/, char** /*argv*/) {
         return 0;
     }
 
-    // DIALOG: dialog (MessageBoxR7, WarningBoxR7 or MessageBox) with textKey.
-    // The dialogs and the installation (INSTALL above) are carried out elsewhere.
-    (void)textKey;
+    // DIALOG: the box's handlers act on the answer and end the event loop.
+    if (dialog == kMessageBoxR7) {
+        MessageBoxR7(textKey);
+    } else if (dialog == kWarningBoxR7) {
+        WarningBoxR7();
+    } else {
+        MessageBox(textKey);
+    }
+    RunApplicationEventLoop();
     CloseLogSystem();
     return 0;
 }
