@@ -20,23 +20,24 @@ typedef struct __CFBundle* CFBundleRef;
 
 #define kCFAllocatorDefault ((CFAllocatorRef)0)
 
-enum {
-    kCFStringEncodingMacRoman = 0,
-    kCFStringEncodingASCII = 0x0600,
-    kCFStringEncodingUTF8 = 0x08000100
-};
+enum { kCFStringEncodingMacRoman = 0, kCFStringEncodingASCII = 0x0600, kCFStringEncodingUTF8 = 0x08000100 };
 
 CFTypeRef CFRetain(CFTypeRef cf);
 void CFRelease(CFTypeRef cf);
 CFIndex CFGetRetainCount(CFTypeRef cf);
 Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2);
+CFTypeID CFGetTypeID(CFTypeRef cf);
 
 /* Strings: immutable sequences of UTF-16 units. */
 CFStringRef __CFStringMakeConstantString(const char* cStr);
 #define CFSTR(cStr) __CFStringMakeConstantString("" cStr "")
 CFStringRef CFStringCreateWithCString(CFAllocatorRef alloc, const char* cStr, CFStringEncoding encoding);
-Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize, CFStringEncoding encoding);
+Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
+                           CFStringEncoding encoding);
 CFIndex CFStringGetLength(CFStringRef theString);
+/* The most bytes length UTF-16 units can take in that encoding, terminator excluded. */
+CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding);
+CFTypeID CFStringGetTypeID(void);
 UniChar CFStringGetCharacterAtIndex(CFStringRef theString, CFIndex idx);
 
 /* File URLs. */
@@ -46,9 +47,11 @@ CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef alloc, CFStringRef filePat
 CFStringRef CFURLGetString(CFURLRef anURL);
 Boolean CFURLGetFileSystemRepresentation(CFURLRef url, Boolean resolveAgainstBase, UInt8* buffer,
                                          CFIndex maxBufLen);
+CFTypeID CFURLGetTypeID(void);
 
 /* Bundles. The main bundle is the one holding the running executable. */
 CFBundleRef CFBundleGetMainBundle(void);
+CFTypeID CFBundleGetTypeID(void);
 CFURLRef CFBundleCopyBundleURL(CFBundleRef bundle);
 CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle);
 CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, CFStringRef resourceType,

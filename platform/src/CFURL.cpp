@@ -1,0 +1,109 @@
+/* File URLs: an absolute path and the URL text written for it. */
+#include "CFInternal.h"
+
+#include <cstring>
+#include <type_traits>
+#include <unistd.h>
+
+struct __CFURL {
+    CFInternalBase base;
+    std::string path;   /* file-system form, no trailing "/" except the root */
+    CFStringRef string; /* "file://localhost" + encoded path (+ "/" for a directory) */
+};
+static_assert(std::is_standard_layout_v<__CFURL>, "the base must sit at the object's address");
+
+static void FinalizeURL(CFInternalBase* object) {
+    auto* url = reinterpret_cast<__CFURL*>(object);
+    CFRelease(url->string);
+    delete url;
+}
+
+static bool EqualURLs(const CFInternalBase* a, const CFInternalBase* b) {
+    return CFEqual(reinterpret_cast<const __CFURL*>(a)->string, reinterpret_cast<const __CFURL*>(b)->string);
+}
+
+static const CFInternalClass kURLClass = {kCFInternalURLTypeID, "CFURL", FinalizeURL, EqualURLs};
+
+static const __CFURL* AsURL(CFURLRef url) {
+    return reinterpret_cast<const __CFURL*>(CFInternalCast(url, &kURLClass));
+}
+
+CFTypeID CFURLGetTypeID(void) {
+    return kCFInternalURLTypeID;
+}
+
+/* Every byte outside the unreserved characters and "/" is written as %XX with
+ * upper-case digits, the form the launcher decodes. */
+static std::string EncodePath(const std::string& path) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string text;
+    for (unsigned char byte : path) {
+        bool plain = (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
+                     (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' || byte == '_' ||
+                     byte == '~' || byte == '/';
+        if (plain) {
+            text.push_back(static_cast<char>(byte));
+        } else {
+            text.push_back('%');
+            text.push_back(kHex[byte >> 4]);
+            text.push_back(kHex[byte & 0x0F]);
+        }
+    }
+    return text;
+}
+
+CFURLRef CFInternalURLCreateWithPath(const std::string& path, bool isDirectory) {
+    if (path.empty())
+        return nullptr;
+    std::string absolute = path;
+    if (absolute[0] != '/') {
+        char cwd[4096];
+        if (getcwd(cwd, sizeof cwd) == nullptr)
+            return nullptr;
+        absolute = std::string(cwd) + "/" + absolute;
+    }
+    while (absolute.size() > 1 && absolute.back() == '/')
+        absolute.pop_back();
+
+    std::string text = "file://localhost" + EncodePath(absolute);
+    if (isDirectory && absolute != "/")
+        text.push_back('/');
+    /* Encoded text is plain ASCII, so this cannot fail. */
+    CFStringRef string = CFInternalStringCreateWithUTF8(text);
+
+    auto* url = new __CFURL;
+    CFInternalInit(&url->base, &kURLClass);
+    url->path = std::move(absolute);
+    url->string = string;
+    return reinterpret_cast<CFURLRef>(url);
+}
+
+const std::string* CFInternalURLPath(CFURLRef url) {
+    const __CFURL* object = AsURL(url);
+    return object == nullptr ? nullptr : &object->path;
+}
+
+CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef filePath, CFURLPathStyle pathStyle,
+                                       Boolean isDirectory) {
+    if (pathStyle != kCFURLPOSIXPathStyle || CFInternalStringCharacters(filePath) == nullptr)
+        return nullptr;
+    std::string path = CFInternalStringToUTF8(filePath);
+    if (path.find('\0') != std::string::npos)
+        return nullptr;
+    return CFInternalURLCreateWithPath(path, isDirectory);
+}
+
+CFStringRef CFURLGetString(CFURLRef anURL) {
+    const __CFURL* object = AsURL(anURL);
+    return object == nullptr ? nullptr : object->string;
+}
+
+Boolean CFURLGetFileSystemRepresentation(CFURLRef url, Boolean, UInt8* buffer, CFIndex maxBufLen) {
+    const __CFURL* object = AsURL(url);
+    if (object == nullptr || buffer == nullptr || maxBufLen <= 0)
+        return false;
+    if (static_cast<CFIndex>(object->path.size()) >= maxBufLen)
+        return false;
+    std::memcpy(buffer, object->path.c_str(), object->path.size() + 1);
+    return true;
+}

@@ -1,0 +1,159 @@
+/* CoreGraphics data providers (a file's bytes) and PNG images decoded into 8-bit
+ * RGBA rows. Both are CoreFoundation objects, so CFRelease works on them too. */
+#include <ApplicationServices/ApplicationServices.h>
+
+#include "CFInternal.h"
+#include "PlatBackend.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <png.h>
+#include <type_traits>
+#include <vector>
+
+/* Larger files or pictures are refused rather than exhausting memory on a bad header. */
+static constexpr size_t kMaxProviderBytes = 256u << 20;
+static constexpr size_t kMaxImageBytes = 256u << 20;
+
+struct CGDataProvider {
+    CFInternalBase base;
+    std::vector<unsigned char> bytes;
+};
+static_assert(std::is_standard_layout_v<CGDataProvider>, "the base must sit at the object's address");
+
+struct CGImage {
+    CFInternalBase base;
+    size_t width, height;
+    unsigned char* rgba; /* width * 4 bytes per row, malloc'd */
+};
+static_assert(std::is_standard_layout_v<CGImage>, "the base must sit at the object's address");
+
+static void FinalizeProvider(CFInternalBase* object) {
+    delete reinterpret_cast<CGDataProvider*>(object);
+}
+
+static void FinalizeImage(CFInternalBase* object) {
+    auto* image = reinterpret_cast<CGImage*>(object);
+    free(image->rgba);
+    delete image;
+}
+
+static const CFInternalClass kProviderClass = {kCFInternalDataProviderTypeID, "CGDataProvider",
+                                               FinalizeProvider, nullptr};
+static const CFInternalClass kImageClass = {kCFInternalImageTypeID, "CGImage", FinalizeImage, nullptr};
+
+static const CGImage* AsImage(CGImageRef image) {
+    return reinterpret_cast<const CGImage*>(CFInternalCast(image, &kImageClass));
+}
+
+CGDataProviderRef CGDataProviderCreateWithURL(CFURLRef url) {
+    const std::string* path = CFInternalURLPath(url);
+    if (path == nullptr)
+        return nullptr;
+    FILE* file = fopen(path->c_str(), "rb");
+    if (file == nullptr)
+        return nullptr;
+    auto* provider = new CGDataProvider;
+    CFInternalInit(&provider->base, &kProviderClass);
+    unsigned char chunk[65536];
+    size_t count;
+    bool ok = true;
+    while ((count = fread(chunk, 1, sizeof chunk, file)) > 0) {
+        if (provider->bytes.size() + count > kMaxProviderBytes) {
+            ok = false;
+            break;
+        }
+        provider->bytes.insert(provider->bytes.end(), chunk, chunk + count);
+    }
+    if (ferror(file)) /* a folder opens but does not read */
+        ok = false;
+    fclose(file);
+    if (!ok) {
+        CFRelease(provider);
+        return nullptr;
+    }
+    return provider;
+}
+
+void CGDataProviderRelease(CGDataProviderRef provider) {
+    if (provider != nullptr)
+        CFRelease(provider);
+}
+
+/* Maps each colour component through its [low, high] pair of the decode array. */
+static void ApplyDecode(unsigned char* rgba, size_t pixels, const CGFloat* decode) {
+    unsigned char table[3][256];
+    for (int component = 0; component < 3; ++component) {
+        CGFloat low = decode[2 * component], high = decode[2 * component + 1];
+        for (int value = 0; value < 256; ++value) {
+            CGFloat mapped = low + (high - low) * value / 255.0;
+            mapped = mapped < 0 ? 0 : mapped > 1 ? 1 : mapped;
+            table[component][value] = static_cast<unsigned char>(mapped * 255.0 + 0.5);
+        }
+    }
+    for (size_t i = 0; i < pixels; ++i) {
+        for (int component = 0; component < 3; ++component)
+            rgba[4 * i + component] = table[component][rgba[4 * i + component]];
+    }
+}
+
+CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat* decode, bool,
+                                            CGColorRenderingIntent) {
+    auto* provider = reinterpret_cast<const CGDataProvider*>(CFInternalCast(source, &kProviderClass));
+    if (provider == nullptr || provider->bytes.size() < 8 || png_sig_cmp(provider->bytes.data(), 0, 8) != 0)
+        return nullptr;
+
+    /* The simplified reader keeps libpng's error jumps to itself: a corrupt or cut
+     * file just makes a call answer zero. */
+    png_image png;
+    memset(&png, 0, sizeof png);
+    png.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_memory(&png, provider->bytes.data(), provider->bytes.size()))
+        return nullptr;
+    png.format = PNG_FORMAT_RGBA;
+    size_t size = PNG_IMAGE_SIZE(png);
+    if (png.width == 0 || png.height == 0 || size / 4 / png.width != png.height || size > kMaxImageBytes) {
+        png_image_free(&png);
+        return nullptr;
+    }
+    auto* rgba = static_cast<unsigned char*>(malloc(size));
+    if (rgba == nullptr) {
+        png_image_free(&png);
+        return nullptr;
+    }
+    if (!png_image_finish_read(&png, nullptr, rgba, 0, nullptr)) {
+        png_image_free(&png);
+        free(rgba);
+        return nullptr;
+    }
+    if (decode != nullptr)
+        ApplyDecode(rgba, size / 4, decode);
+
+    auto* image = new CGImage;
+    CFInternalInit(&image->base, &kImageClass);
+    image->width = png.width;
+    image->height = png.height;
+    image->rgba = rgba;
+    return image;
+}
+
+size_t CGImageGetWidth(CGImageRef image) {
+    const CGImage* object = AsImage(image);
+    return object == nullptr ? 0 : object->width;
+}
+
+size_t CGImageGetHeight(CGImageRef image) {
+    const CGImage* object = AsImage(image);
+    return object == nullptr ? 0 : object->height;
+}
+
+const unsigned char* PlatCGImageGetRGBA(CGImageRef image) {
+    const CGImage* object = AsImage(image);
+    return object == nullptr ? nullptr : object->rgba;
+}
+
+void CGImageRelease(CGImageRef image) {
+    if (image != nullptr)
+        CFRelease(image);
+}

@@ -1,0 +1,134 @@
+/* The process table of /proc. Every reader tolerates a process that ends while
+ * it is read: it answers false and the caller skips the process. */
+#include "PlatProc.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <mutex>
+#include <unistd.h>
+
+static std::mutex gRootLock;
+static std::string gRoot = "/proc";
+
+void PlatSetProcRoot(const char* root) {
+    std::lock_guard<std::mutex> guard(gRootLock);
+    gRoot = root == nullptr ? "/proc" : root;
+}
+
+static std::string ProcPath(pid_t pid, const char* entry) {
+    std::lock_guard<std::mutex> guard(gRootLock);
+    return gRoot + "/" + std::to_string(pid) + "/" + entry;
+}
+
+std::vector<pid_t> PlatProcListPids() {
+    std::vector<pid_t> pids;
+    std::string root;
+    {
+        std::lock_guard<std::mutex> guard(gRootLock);
+        root = gRoot;
+    }
+    DIR* folder = opendir(root.c_str());
+    if (folder == nullptr)
+        return pids;
+    while (struct dirent* entry = readdir(folder)) {
+        const char* name = entry->d_name;
+        if (name[0] < '1' || name[0] > '9' || strlen(name) > 9 || strspn(name, "0123456789") != strlen(name))
+            continue;
+        pids.push_back(static_cast<pid_t>(atol(name)));
+    }
+    closedir(folder);
+    std::sort(pids.begin(), pids.end());
+    return pids;
+}
+
+/* Up to size - 1 bytes of a small file, terminated. -1 when it cannot be read. */
+static ssize_t ReadSmallFile(const std::string& path, char* buffer, size_t size) {
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr)
+        return -1;
+    size_t count = fread(buffer, 1, size - 1, file);
+    bool failed = ferror(file);
+    fclose(file);
+    if (failed)
+        return -1;
+    buffer[count] = '\0';
+    return static_cast<ssize_t>(count);
+}
+
+bool PlatProcReadStat(pid_t pid, PlatProcStat& stat) {
+    char text[1024];
+    if (ReadSmallFile(ProcPath(pid, "stat"), text, sizeof text) <= 0)
+        return false;
+    /* The command name in parentheses may itself hold ")" and blanks: the fields
+     * start after the last ")". */
+    char* rest = strrchr(text, ')');
+    if (rest == nullptr)
+        return false;
+    /* Fields after the name, from 0: state ppid pgrp session tty_nr tpgid flags
+     * minflt cminflt majflt cmajflt utime stime cutime cstime priority nice
+     * num_threads itrealvalue starttime vsize */
+    std::vector<std::string> fields;
+    char* position = nullptr;
+    for (char* token = strtok_r(rest + 1, " \n", &position); token != nullptr && fields.size() < 21;
+         token = strtok_r(nullptr, " \n", &position))
+        fields.push_back(token);
+    if (fields.size() < 6 || fields[0].size() != 1)
+        return false;
+    auto number = [&fields](size_t index) {
+        return index < fields.size() ? strtoll(fields[index].c_str(), nullptr, 10) : 0LL;
+    };
+    stat.state = fields[0][0];
+    stat.ppid = static_cast<pid_t>(number(1));
+    stat.pgrp = static_cast<pid_t>(number(2));
+    stat.session = static_cast<pid_t>(number(3));
+    stat.ttyNumber = static_cast<int>(number(4));
+    stat.ttyProcessGroup = static_cast<pid_t>(number(5));
+    stat.nice = static_cast<long>(number(16));
+    auto unsignedNumber = [&fields](size_t index) {
+        return index < fields.size() ? strtoull(fields[index].c_str(), nullptr, 10) : 0ULL;
+    };
+    stat.startTicks = unsignedNumber(19);
+    stat.virtualSize = unsignedNumber(20);
+    return true;
+}
+
+bool PlatProcCommandName(pid_t pid, std::string& name) {
+    char text[256];
+    ssize_t length = ReadSmallFile(ProcPath(pid, "comm"), text, sizeof text);
+    if (length < 0)
+        return false;
+    name.assign(text, static_cast<size_t>(length));
+    if (!name.empty() && name.back() == '\n')
+        name.pop_back();
+    return true;
+}
+
+static std::string BaseName(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool PlatProcExecutableName(pid_t pid, std::string& name) {
+    char target[4096];
+    ssize_t length = readlink(ProcPath(pid, "exe").c_str(), target, sizeof target - 1);
+    if (length > 0) {
+        std::string path(target, static_cast<size_t>(length));
+        /* An executable replaced or removed while it runs keeps its name. */
+        static const std::string kDeleted = " (deleted)";
+        if (path.size() > kDeleted.size() &&
+            path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0)
+            path.resize(path.size() - kDeleted.size());
+        name = BaseName(path);
+        return !name.empty();
+    }
+    /* Kernel threads have neither an executable nor arguments. */
+    char arguments[4096];
+    ssize_t count = ReadSmallFile(ProcPath(pid, "cmdline"), arguments, sizeof arguments);
+    if (count <= 0 || arguments[0] == '\0')
+        return false;
+    name = BaseName(arguments);
+    return !name.empty();
+}

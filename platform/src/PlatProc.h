@@ -1,0 +1,38 @@
+/* Reading the process table of /proc, for the Process Manager and sysctl.
+ * The root is a parameter so that tests can point the queries at a fixture tree. */
+#ifndef PLATFORM_PLATPROC_H
+#define PLATFORM_PLATPROC_H
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+/* The folder read as /proc; null restores "/proc". */
+void PlatSetProcRoot(const char* root);
+
+/* The numeric entries of the root, in ascending order. */
+std::vector<pid_t> PlatProcListPids();
+
+/* What /proc/<pid>/stat tells, the fields the layer reports. */
+struct PlatProcStat {
+    char state = '?';
+    pid_t ppid = 0;
+    pid_t pgrp = 0;
+    pid_t session = 0;
+    int ttyNumber = 0;
+    pid_t ttyProcessGroup = 0;
+    long nice = 0;
+    unsigned long long startTicks = 0; /* clock ticks after boot */
+    unsigned long long virtualSize = 0;
+};
+bool PlatProcReadStat(pid_t pid, PlatProcStat& stat);
+
+/* The kernel's command name (/proc/<pid>/comm, without its line feed). */
+bool PlatProcCommandName(pid_t pid, std::string& name);
+
+/* The file name of the process's executable: from /proc/<pid>/exe, or when that
+ * link cannot be read (another user's process), from the first argument. False
+ * for processes without an executable, such as kernel threads. */
+bool PlatProcExecutableName(pid_t pid, std::string& name);
+
+#endif

@@ -1,0 +1,89 @@
+/* The Process Manager over /proc. A process's serial number is {1, pid}; the
+ * walk shows the processes that have an executable, in pid order. */
+#include <CoreServices/CoreServices.h>
+
+#include "PlatProc.h"
+
+#include <climits>
+#include <cstring>
+#include <unistd.h>
+
+/* High word of every serial number made from a pid, so that none of them can be
+ * taken for {0, kSystemProcess} or {0, kCurrentProcess}. */
+static constexpr UInt32 kPidSerialHigh = 1;
+
+static void SetSerial(ProcessSerialNumber* serial, pid_t pid) {
+    serial->highLongOfPSN = kPidSerialHigh;
+    serial->lowLongOfPSN = static_cast<UInt32>(pid);
+}
+
+OSErr GetCurrentProcess(ProcessSerialNumber* PSN) {
+    if (PSN == nullptr)
+        return paramErr;
+    SetSerial(PSN, getpid());
+    return noErr;
+}
+
+OSErr GetNextProcess(ProcessSerialNumber* PSN) {
+    if (PSN == nullptr)
+        return paramErr;
+    pid_t after;
+    if (PSN->highLongOfPSN == 0 && PSN->lowLongOfPSN == kNoProcess)
+        after = 0;
+    else if (PSN->highLongOfPSN == kPidSerialHigh && PSN->lowLongOfPSN <= INT_MAX)
+        after = static_cast<pid_t>(PSN->lowLongOfPSN);
+    else
+        return paramErr;
+    std::string name;
+    for (pid_t pid : PlatProcListPids()) {
+        if (pid > after && PlatProcExecutableName(pid, name)) {
+            SetSerial(PSN, pid);
+            return noErr;
+        }
+    }
+    PSN->highLongOfPSN = 0;
+    PSN->lowLongOfPSN = kNoProcess;
+    return procNotFound;
+}
+
+OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info) {
+    if (PSN == nullptr || info == nullptr || info->processInfoLength != sizeof(ProcessInfoRec))
+        return paramErr;
+    pid_t pid;
+    if (PSN->highLongOfPSN == 0 && PSN->lowLongOfPSN == kCurrentProcess)
+        pid = getpid();
+    else if (PSN->highLongOfPSN == kPidSerialHigh && PSN->lowLongOfPSN > 0 && PSN->lowLongOfPSN <= INT_MAX)
+        pid = static_cast<pid_t>(PSN->lowLongOfPSN);
+    else
+        return procNotFound;
+
+    std::string name;
+    PlatProcStat stat;
+    if (!PlatProcExecutableName(pid, name) || !PlatProcReadStat(pid, stat))
+        return procNotFound;
+
+    if (info->processName != nullptr) {
+        size_t length = name.size() > 255 ? 255 : name.size();
+        info->processName[0] = static_cast<unsigned char>(length);
+        memcpy(info->processName + 1, name.data(), length);
+    }
+    SetSerial(&info->processNumber, pid);
+    info->processType = 'APPL';
+    info->processSignature = 0x3F3F3F3F; /* '????', no creator code */
+    info->processMode = 0;
+    info->processLocation = nullptr;
+    info->processSize = stat.virtualSize > UINT32_MAX ? UINT32_MAX : static_cast<UInt32>(stat.virtualSize);
+    info->processFreeMem = 0;
+    if (stat.ppid > 0) {
+        SetSerial(&info->processLauncher, stat.ppid);
+    } else {
+        info->processLauncher.highLongOfPSN = 0;
+        info->processLauncher.lowLongOfPSN = kNoProcess;
+    }
+    /* Launch time in ticks (1/60 s) after start-up, as the Mac counts it. */
+    long clockTicks = sysconf(_SC_CLK_TCK);
+    info->processLaunchDate = clockTicks > 0 ? static_cast<UInt32>(stat.startTicks * 60 / clockTicks) : 0;
+    info->processActiveTime = 0;
+    /* processAppRef is left as it is: there are no FSRefs to give. */
+    return noErr;
+}
