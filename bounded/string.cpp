@@ -1,0 +1,155 @@
+/* Bounded copy and concatenation of zero-terminated text.
+ *
+ * The text functions reset a destination by making it the empty text (dest[0] = 0);
+ * the bytes behind it stay. A copy that does not fit is refused as a whole, never cut:
+ * cutting is the caller's business, through count.
+ */
+#include "bounded/bounded.h"
+
+#include <stdint.h>
+#include <string.h>
+
+namespace {
+
+inline bool IsValidDestMax(size_t destMax) {
+    return destMax - 1 < BOUNDED_MAX_LEN;
+}
+
+inline uintptr_t Address(const void* p) {
+    return reinterpret_cast<uintptr_t>(p);
+}
+
+/* The half-open ranges [a, a + size) and [b, b + size) share a byte. */
+inline bool Overlap(const void* a, const void* b, size_t size) {
+    uintptr_t x = Address(a);
+    uintptr_t y = Address(b);
+    return x < y ? y - x < size : x - y < size;
+}
+
+inline int ResetText(char* dest, int code) {
+    dest[0] = '\0';
+    return code;
+}
+
+/* strncat_s past its argument checks, byte by byte: the form that sees a write reach the
+ * source or a read reach the destination while it happens. */
+int AppendWithOverlapWatch(char* dest, size_t destMax, size_t len, const char* src, size_t count) {
+    const uintptr_t destAddress = Address(dest);
+    const uintptr_t srcAddress = Address(src);
+    for (size_t k = 0; k < count; ++k) {
+        char ch = src[k];
+        dest[len + k] = ch;
+        if (ch == '\0') {
+            return BOUNDED_OK;
+        }
+        if (len + k == destMax - 1) {
+            return ResetText(dest, BOUNDED_ERANGE_RESET);
+        }
+        if (destAddress < srcAddress && destAddress + len + k + 1 == srcAddress) {
+            return ResetText(dest, BOUNDED_EOVERLAP_RESET);
+        }
+        if (srcAddress < destAddress && srcAddress + k + 1 == destAddress) {
+            return ResetText(dest, BOUNDED_EOVERLAP_RESET);
+        }
+    }
+    dest[len + count] = '\0';
+    return BOUNDED_OK;
+}
+
+} // namespace
+
+extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t count) {
+    if (dest != NULL && src != NULL && IsValidDestMax(destMax) && count - 1 < BOUNDED_MAX_LEN) {
+        /* Reads no further than count characters, nor than the one that would not fit. */
+        size_t n = strnlen(src, count < destMax ? count : destMax);
+        if (n < destMax && (dest == src || !Overlap(dest, src, n + 1))) {
+            if (dest != src) {
+                memcpy(dest, src, n);
+            }
+            dest[n] = '\0';
+            return BOUNDED_OK;
+        }
+        return ResetText(dest, n >= destMax ? BOUNDED_ERANGE_RESET : BOUNDED_EOVERLAP_RESET);
+    }
+    if (!IsValidDestMax(destMax)) {
+        return BOUNDED_ERANGE;
+    }
+    if (dest == NULL) {
+        return BOUNDED_EINVAL;
+    }
+    if (src == NULL) {
+        return ResetText(dest, BOUNDED_EINVAL_RESET);
+    }
+    if (count > BOUNDED_MAX_LEN) {
+        return ResetText(dest, BOUNDED_ERANGE_RESET);
+    }
+    /* count is 0: the destination becomes the empty text. */
+    return ResetText(dest, BOUNDED_OK);
+}
+
+extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t count) {
+    if (!IsValidDestMax(destMax)) {
+        return BOUNDED_ERANGE;
+    }
+    if (dest == NULL) {
+        return BOUNDED_EINVAL;
+    }
+    if (src == NULL) {
+        return ResetText(dest, BOUNDED_EINVAL_RESET);
+    }
+    if (count > BOUNDED_MAX_LEN) {
+        return ResetText(dest, BOUNDED_ERANGE_RESET);
+    }
+    size_t len = strnlen(dest, destMax);
+    if (Address(dest) < Address(src) && Address(src) < Address(dest) + len) {
+        return ResetText(dest, BOUNDED_EOVERLAP_RESET);
+    }
+    if (len == destMax) {
+        return ResetText(dest, BOUNDED_EINVAL_RESET);
+    }
+    if (count == 0) {
+        return BOUNDED_OK;
+    }
+    /* Appending a text to itself would read what it has just appended. */
+    if (dest == src) {
+        return ResetText(dest, BOUNDED_EOVERLAP_RESET);
+    }
+    size_t room = destMax - len; /* at least 1: the terminator's byte */
+    size_t scan = count < room ? count : room;
+    /* A source that ends before the destination with a byte to spare, or lies wholly
+     * behind it, can meet no write and no read of the other: one scan, one block copy. */
+    if (Address(src) + scan < Address(dest) || Address(src) >= Address(dest) + destMax) {
+        size_t n = strnlen(src, scan);
+        if (n == room) {
+            return ResetText(dest, BOUNDED_ERANGE_RESET);
+        }
+        memcpy(dest + len, src, n);
+        dest[len + n] = '\0';
+        return BOUNDED_OK;
+    }
+    return AppendWithOverlapWatch(dest, destMax, len, src, count);
+}
+
+extern "C" int strcpy_s(char* dest, size_t destMax, const char* src) {
+    if (!IsValidDestMax(destMax)) {
+        return BOUNDED_ERANGE;
+    }
+    if (dest == NULL) {
+        return BOUNDED_EINVAL;
+    }
+    if (src == NULL) {
+        return ResetText(dest, BOUNDED_EINVAL_RESET);
+    }
+    size_t n = strnlen(src, destMax);
+    if (n == destMax) {
+        return ResetText(dest, BOUNDED_ERANGE_RESET);
+    }
+    if (dest == src) {
+        return BOUNDED_OK;
+    }
+    if (Overlap(dest, src, n + 1)) {
+        return ResetText(dest, BOUNDED_EOVERLAP_RESET);
+    }
+    memcpy(dest, src, n + 1);
+    return BOUNDED_OK;
+}
