@@ -4,6 +4,7 @@
 
 #include "PlatProc.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <unistd.h>
@@ -34,10 +35,16 @@ OSErr GetNextProcess(ProcessSerialNumber* PSN) {
         after = static_cast<pid_t>(PSN->lowLongOfPSN);
     else
         return paramErr;
+    /* One listing of /proc per walk: a walk from kNoProcess takes a fresh snapshot and
+     * each later step goes on in it, instead of listing every process at every step. */
+    static thread_local std::vector<pid_t> snapshot;
+    if (after == 0 || !std::binary_search(snapshot.begin(), snapshot.end(), after))
+        snapshot = PlatProcListPids();
     std::string name;
-    for (pid_t pid : PlatProcListPids()) {
-        if (pid > after && PlatProcExecutableName(pid, name)) {
-            SetSerial(PSN, pid);
+    for (auto next = std::upper_bound(snapshot.begin(), snapshot.end(), after); next != snapshot.end();
+         ++next) {
+        if (PlatProcExecutableName(*next, name)) {
+            SetSerial(PSN, *next);
             return noErr;
         }
     }
