@@ -1,0 +1,133 @@
+/* The choice of the window backend, made once, when the first window is created:
+ * the one a test forced; else under a display the gtk module, loaded only then;
+ * else the terminal when standard input is one; else none. */
+#include "BackendInternal.h"
+
+#include <PlatformTesting.h>
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+namespace {
+
+std::atomic<const PlatBackendOps*> gBackend{nullptr};
+
+std::mutex& ChoiceLock() {
+    static std::mutex* lock = new std::mutex;
+    return *lock;
+}
+std::string* gForcedName = nullptr; /* guarded by ChoiceLock */
+
+bool IsSet(const char* variable) {
+    const char* value = getenv(variable);
+    return value != nullptr && value[0] != '\0';
+}
+
+std::string MainBundlePath() {
+    CFBundleRef bundle = CFBundleGetMainBundle();
+    CFURLRef url = bundle != nullptr ? CFBundleCopyBundleURL(bundle) : nullptr;
+    if (url == nullptr) {
+        return std::string();
+    }
+    char path[PATH_MAX];
+    bool ok = CFURLGetFileSystemRepresentation(url, true, reinterpret_cast<UInt8*>(path), sizeof path);
+    CFRelease(url);
+    return ok ? std::string(path) : std::string();
+}
+
+/* The gtk module's backend, or null when there is no module or GTK cannot start.
+ * A module once loaded stays loaded: GTK cannot be unloaded. */
+const PlatBackendOps* LoadGtkModule() {
+    std::string inBundle = MainBundlePath();
+    if (!inBundle.empty()) {
+        inBundle += "/Contents/PlugIns/" PLAT_GTK_MODULE_NAME;
+    }
+    for (const std::string& path : {inBundle, std::string(PLAT_GTK_MODULE_FALLBACK)}) {
+        if (path.empty()) {
+            continue;
+        }
+        void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (module == nullptr) {
+            continue;
+        }
+        auto entry = reinterpret_cast<PlatBackendEntry>(dlsym(module, PLAT_GTK_MODULE_ENTRY));
+        if (entry == nullptr) {
+            dlclose(module);
+            continue;
+        }
+        /* GTK that cannot start here will not start from another copy either. */
+        return entry();
+    }
+    return nullptr;
+}
+
+const PlatBackendOps* Automatic() {
+    if (IsSet("DISPLAY") || IsSet("WAYLAND_DISPLAY")) {
+        if (const PlatBackendOps* gtk = LoadGtkModule()) {
+            return gtk;
+        }
+    }
+    return isatty(STDIN_FILENO) ? &gPlatTerminalBackend : &gPlatNoneBackend;
+}
+
+const PlatBackendOps* Forced(const std::string& name) {
+    if (name == "scripted") {
+        return &gPlatScriptedBackend;
+    }
+    if (name == "terminal") {
+        return &gPlatTerminalBackend;
+    }
+    if (name == "none") {
+        return &gPlatNoneBackend;
+    }
+    if (name == "gtk") {
+        /* without a usable module, as if nothing had been forced */
+        const PlatBackendOps* gtk = LoadGtkModule();
+        return gtk != nullptr ? gtk : isatty(STDIN_FILENO) ? &gPlatTerminalBackend : &gPlatNoneBackend;
+    }
+    /* a backend we do not have can show nothing */
+    return &gPlatNoneBackend;
+}
+
+} // namespace
+
+namespace plat {
+
+const PlatBackendOps* CurrentBackend() {
+    return gBackend.load();
+}
+
+const PlatBackendOps* ChooseBackend() {
+    std::lock_guard<std::mutex> lock(ChoiceLock());
+    const PlatBackendOps* backend = gBackend.load();
+    if (backend == nullptr) {
+        backend = gForcedName != nullptr ? Forced(*gForcedName) : Automatic();
+        gBackend.store(backend);
+    }
+    return backend;
+}
+
+} // namespace plat
+
+void PlatSetBackend(const char* name) {
+    /* Windows a backend has built stay with it. */
+    if (gBackend.load() != nullptr && plat::AnyWindowAlive()) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(ChoiceLock());
+    delete gForcedName;
+    gForcedName = name != nullptr ? new std::string(name) : nullptr;
+    gBackend.store(nullptr);
+}
+
+const char* PlatGetBackendName(void) {
+    const PlatBackendOps* backend = gBackend.load();
+    return backend != nullptr ? backend->name : nullptr;
+}

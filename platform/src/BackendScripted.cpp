@@ -1,0 +1,87 @@
+/* The scripted backend, for tests: shows nothing, and answers for the user as a
+ * test has set per nib window name. The answer is queued when the window is
+ * shown, so the next loop on the main thread handles it like a user's click. */
+#include "EventInternal.h"
+#include "PlatBackend.h"
+#include "WindowInternal.h"
+
+#include <PlatformTesting.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace {
+
+struct ScriptedAnswer {
+    PlatScriptAction action;
+    ControlID control;
+};
+
+struct Script {
+    std::mutex lock;
+    std::map<std::string, ScriptedAnswer> answers; /* by nib window name */
+};
+
+Script& TheScript() {
+    static Script* script = new Script;
+    return *script;
+}
+
+OSStatus ScriptedCreateWindow(WindowRef) {
+    return noErr;
+}
+
+void ScriptedShowWindow(WindowRef window) {
+    PlatWindowInfo info;
+    if (!PlatGetWindowInfo(window, &info)) {
+        return;
+    }
+    ScriptedAnswer answer{kPlatScriptNothing, {0, 0}};
+    {
+        std::lock_guard<std::mutex> lock(TheScript().lock);
+        auto it = TheScript().answers.find(info.nibName);
+        if (it != TheScript().answers.end()) {
+            answer = it->second;
+        }
+    }
+    if (answer.action == kPlatScriptPressControl) {
+        ControlRef control = nullptr;
+        if (GetControlByID(window, &answer.control, &control) == noErr) {
+            PlatPostControlHit(control);
+        }
+    } else if (answer.action == kPlatScriptClose) {
+        PlatPostWindowClose(window);
+    }
+}
+
+void ScriptedPump(int timeoutMs) {
+    plat::WaitForWake(timeoutMs);
+}
+
+void ScriptedWake() {
+    plat::SignalWake();
+}
+
+} // namespace
+
+const PlatBackendOps gPlatScriptedBackend = {
+    "scripted", ScriptedCreateWindow, ScriptedShowWindow, nullptr, nullptr,
+    nullptr,    ScriptedPump,         ScriptedWake,
+};
+
+void PlatScriptSetAction(const char* windowName, PlatScriptAction action, OSType signature, SInt32 id) {
+    if (windowName == nullptr) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(TheScript().lock);
+    TheScript().answers[windowName] = ScriptedAnswer{action, {signature, id}};
+}
+
+void PlatScriptReset(void) {
+    {
+        std::lock_guard<std::mutex> lock(TheScript().lock);
+        TheScript().answers.clear();
+    }
+    plat::ResetShowRecords();
+}

@@ -1,0 +1,41 @@
+/* The window model's private side: what the nib reader hands the model to build a
+ * window from. */
+#ifndef PLATFORM_WINDOWINTERNAL_H
+#define PLATFORM_WINDOWINTERNAL_H
+
+#include "PlatBackend.h"
+
+#include <string>
+#include <vector>
+
+namespace plat {
+
+struct ControlDef {
+    PlatControlKind kind;
+    PlatRect frame;
+    ControlID id; /* {0, 0}: a control nobody looks up */
+    std::string text;
+    bool isDefault = false;
+    bool indeterminate = false;
+    std::string picture; /* image view: a resource of the main bundle */
+};
+
+struct WindowDef {
+    std::string name;
+    std::string title;
+    int width = 0;
+    int height = 0;
+    bool closeBox = false;
+    std::vector<ControlDef> controls;
+};
+
+/* Builds an invisible window from its description and has the backend (chosen
+ * now if this is the first window) build its native side. */
+OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow);
+
+/* Forgets what PlatScriptShowCount reports. */
+void ResetShowRecords();
+
+} // namespace plat
+
+#endif

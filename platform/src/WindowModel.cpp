@@ -1,0 +1,632 @@
+/* Windows and controls (HIToolbox): the layer's model of what is on screen.
+ *
+ * The model owns every window and control and their event targets; a backend
+ * only shows them, reading the model through PlatGetWindowInfo and
+ * PlatGetControlInfo, and turns the user's input into events with
+ * PlatPostControlHit and PlatPostWindowClose. */
+#include "BackendInternal.h"
+#include "EventInternal.h"
+#include "WindowInternal.h"
+
+#include <PlatformTesting.h>
+
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+/* SetControlData or GetControlData with a tag the control does not have. */
+constexpr OSErr errDataNotSupported = -30586;
+
+struct ControlRec {
+    uintptr_t window;
+    EventTargetRef target;
+    bool isRoot; /* the window's content view, parent of all its controls */
+    PlatControlKind kind;
+    PlatRect frame;
+    ControlID id;
+    std::string text;              /* UTF-8 */
+    CFStringRef textRef = nullptr; /* our reference to the last string set */
+    bool isDefault = false;
+    bool indeterminate = false;
+    std::vector<unsigned char> rgba;
+    size_t imageWidth = 0;
+    size_t imageHeight = 0;
+};
+
+struct WindowRec {
+    EventTargetRef target;
+    std::string nibName;
+    std::string title;
+    int width;
+    int height;
+    bool closeBox;
+    bool visible = false;
+    bool disposing = false; /* no longer valid; the backend is tearing it down */
+    uintptr_t root = 0;
+    std::vector<uintptr_t> controls; /* in nib order, the root excluded */
+};
+
+struct Model {
+    std::unordered_map<uintptr_t, WindowRec> windows;
+    std::unordered_map<uintptr_t, ControlRec> controls;
+    std::map<std::string, int> showCounts; /* by nib window name */
+};
+
+Model& M() {
+    static Model* model = new Model;
+    return *model;
+}
+
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+uintptr_t IdOf(const void* ref) {
+    return reinterpret_cast<uintptr_t>(ref);
+}
+
+/* A window that exists and is not being disposed of. Call with the lock held. */
+WindowRec* LiveWindow(WindowRef window) {
+    auto it = M().windows.find(IdOf(window));
+    if (it == M().windows.end() || it->second.disposing) {
+        return nullptr;
+    }
+    return &it->second;
+}
+
+ControlRec* LiveControl(ControlRef control) {
+    auto it = M().controls.find(IdOf(control));
+    if (it == M().controls.end() || M().windows.at(it->second.window).disposing) {
+        return nullptr;
+    }
+    return &it->second;
+}
+
+/* The newest live window made from the nib window of that name. */
+WindowRec* NewestByName(const char* name) {
+    WindowRec* found = nullptr;
+    uintptr_t foundId = 0;
+    for (auto& [id, window] : M().windows) {
+        if (!window.disposing && window.nibName == name && id > foundId) {
+            found = &window;
+            foundId = id;
+        }
+    }
+    return found;
+}
+
+const PlatBackendOps* Backend() {
+    return plat::CurrentBackend();
+}
+
+/* Copies a decoded picture's pixels; false leaves the view empty. */
+bool CopyImage(CGImageRef image, ControlRec& control) {
+    size_t width = CGImageGetWidth(image);
+    size_t height = CGImageGetHeight(image);
+    const unsigned char* pixels = PlatCGImageGetRGBA(image);
+    if (pixels == nullptr || width == 0 || height == 0 || width > SIZE_MAX / 4 / height) {
+        return false;
+    }
+    control.rgba.assign(pixels, pixels + width * height * 4);
+    control.imageWidth = width;
+    control.imageHeight = height;
+    return true;
+}
+
+/* An image view's picture, a resource of the main bundle. A missing or bad
+ * picture leaves the view empty. */
+void LoadPicture(const std::string& name, ControlRec& control) {
+    CFBundleRef bundle = CFBundleGetMainBundle();
+    if (bundle == nullptr || name.empty()) {
+        return;
+    }
+    CFStringRef resource =
+        CFStringCreateWithCString(kCFAllocatorDefault, name.c_str(), kCFStringEncodingUTF8);
+    if (resource == nullptr) {
+        return;
+    }
+    CFURLRef url = CFBundleCopyResourceURL(bundle, resource, nullptr, nullptr);
+    CFRelease(resource);
+    if (url == nullptr) {
+        return;
+    }
+    CGDataProviderRef provider = CGDataProviderCreateWithURL(url);
+    CFRelease(url);
+    if (provider == nullptr) {
+        return;
+    }
+    CGImageRef image = CGImageCreateWithPNGDataProvider(provider, nullptr, false, kCGRenderingIntentDefault);
+    CGDataProviderRelease(provider);
+    if (image != nullptr) {
+        CopyImage(image, control);
+        CGImageRelease(image);
+    }
+}
+
+/* UTF-8 text of a string; false when it is not one. */
+bool StringToUTF8(CFStringRef string, std::string& out) {
+    CFIndex length = CFStringGetLength(string);
+    if (length < 0) {
+        return false;
+    }
+    /* a UTF-16 unit never takes more than three bytes of UTF-8 */
+    std::vector<char> buffer(static_cast<size_t>(length) * 3 + 1);
+    if (!CFStringGetCString(string, buffer.data(), static_cast<CFIndex>(buffer.size()),
+                            kCFStringEncodingUTF8)) {
+        return false;
+    }
+    out = buffer.data();
+    return true;
+}
+
+/* Forgets a window and its controls; returns the strings to release. */
+std::vector<CFStringRef> EraseWindow(uintptr_t id) {
+    std::vector<CFStringRef> strings;
+    auto it = M().windows.find(id);
+    if (it == M().windows.end()) {
+        return strings;
+    }
+    std::vector<uintptr_t> controls = it->second.controls;
+    controls.push_back(it->second.root);
+    for (uintptr_t c : controls) {
+        auto control = M().controls.find(c);
+        if (control == M().controls.end()) {
+            continue;
+        }
+        plat::DestroyTarget(control->second.target);
+        if (control->second.textRef != nullptr) {
+            strings.push_back(control->second.textRef);
+        }
+        M().controls.erase(control);
+    }
+    plat::DestroyTarget(it->second.target);
+    M().windows.erase(it);
+    return strings;
+}
+
+void ReleaseAll(const std::vector<CFStringRef>& strings) {
+    for (CFStringRef s : strings) {
+        CFRelease(s);
+    }
+}
+
+/* A user event for the main thread's loop, with the object it concerns. */
+void PostUserEvent(UInt32 eventClass, UInt32 kind, EventParamType type, const void* object,
+                   EventTargetRef target) {
+    EventRef event = nullptr;
+    if (CreateEvent(nullptr, eventClass, kind, GetCurrentEventTime(), kEventAttributeUserEvent, &event) !=
+        noErr) {
+        return;
+    }
+    SetEventParameter(event, kEventParamDirectObject, type, sizeof(object), &object);
+    plat::PostToMainThread(event, target);
+    ReleaseEvent(event);
+}
+
+} // namespace
+
+namespace plat {
+
+OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
+    *outWindow = nullptr;
+    const PlatBackendOps* backend = ChooseBackend();
+
+    /* Pictures are decoded before the model is touched: it takes the disk. */
+    std::vector<ControlRec> controls(def.controls.size());
+    for (size_t i = 0; i < def.controls.size(); i++) {
+        const ControlDef& d = def.controls[i];
+        ControlRec& c = controls[i];
+        c.isRoot = false;
+        c.kind = d.kind;
+        c.frame = d.frame;
+        c.id = d.id;
+        c.text = d.text;
+        c.isDefault = d.isDefault;
+        c.indeterminate = d.indeterminate;
+        if (d.kind == kPlatControlImageView) {
+            LoadPicture(d.picture, c);
+        }
+    }
+
+    uintptr_t id = NewObjectId();
+    {
+        Lock lock(ModelLock());
+        WindowRec window;
+        window.target = CreateTarget(TargetKind::Window, id, GetApplicationEventTarget());
+        window.nibName = def.name;
+        window.title = def.title;
+        window.width = def.width;
+        window.height = def.height;
+        window.closeBox = def.closeBox;
+
+        window.root = NewObjectId();
+        ControlRec root{};
+        root.window = id;
+        root.target = CreateTarget(TargetKind::Control, window.root, window.target);
+        root.isRoot = true;
+        root.frame = PlatRect{0, 0, def.width, def.height};
+        M().controls[window.root] = std::move(root);
+
+        for (ControlRec& c : controls) {
+            uintptr_t controlId = NewObjectId();
+            c.window = id;
+            c.target = CreateTarget(TargetKind::Control, controlId, window.target);
+            M().controls[controlId] = std::move(c);
+            window.controls.push_back(controlId);
+        }
+        M().windows[id] = std::move(window);
+    }
+
+    WindowRef window = reinterpret_cast<WindowRef>(id);
+    OSStatus status = backend->createWindow != nullptr ? backend->createWindow(window) : noErr;
+    if (status != noErr) {
+        std::vector<CFStringRef> strings;
+        {
+            Lock lock(ModelLock());
+            strings = EraseWindow(id);
+        }
+        ReleaseAll(strings);
+        return status;
+    }
+    *outWindow = window;
+    return noErr;
+}
+
+void ResetShowRecords() {
+    Lock lock(ModelLock());
+    M().showCounts.clear();
+}
+
+bool AnyWindowAlive() {
+    Lock lock(ModelLock());
+    return !M().windows.empty();
+}
+
+} // namespace plat
+
+/* ---- Windows ---- */
+
+void ShowWindow(WindowRef window) {
+    {
+        Lock lock(plat::ModelLock());
+        WindowRec* rec = LiveWindow(window);
+        if (rec == nullptr || rec->visible) {
+            return;
+        }
+        rec->visible = true;
+        M().showCounts[rec->nibName]++;
+    }
+    if (Backend() != nullptr && Backend()->showWindow != nullptr) {
+        Backend()->showWindow(window);
+    }
+}
+
+void HideWindow(WindowRef window) {
+    {
+        Lock lock(plat::ModelLock());
+        WindowRec* rec = LiveWindow(window);
+        if (rec == nullptr || !rec->visible) {
+            return;
+        }
+        rec->visible = false;
+    }
+    if (Backend() != nullptr && Backend()->hideWindow != nullptr) {
+        Backend()->hideWindow(window);
+    }
+}
+
+void DisposeWindow(WindowRef window) {
+    {
+        Lock lock(plat::ModelLock());
+        WindowRec* rec = LiveWindow(window);
+        if (rec == nullptr) {
+            return;
+        }
+        /* Invalid from here on, also for whatever the backend's teardown calls. */
+        rec->disposing = true;
+    }
+    if (Backend() != nullptr && Backend()->disposeWindow != nullptr) {
+        Backend()->disposeWindow(window);
+    }
+    std::vector<CFStringRef> strings;
+    {
+        Lock lock(plat::ModelLock());
+        strings = EraseWindow(IdOf(window));
+    }
+    ReleaseAll(strings);
+    /* A modal loop for this window ends; it may be waiting for input. */
+    if (!plat::IsMainThread()) {
+        plat::WakeMainThread();
+    }
+}
+
+Boolean IsValidWindowPtr(WindowRef possibleWindow) {
+    Lock lock(plat::ModelLock());
+    return LiveWindow(possibleWindow) != nullptr;
+}
+
+Boolean IsWindowVisible(WindowRef window) {
+    Lock lock(plat::ModelLock());
+    WindowRec* rec = LiveWindow(window);
+    return rec != nullptr && rec->visible;
+}
+
+EventTargetRef GetWindowEventTarget(WindowRef inWindow) {
+    Lock lock(plat::ModelLock());
+    WindowRec* rec = LiveWindow(inWindow);
+    return rec == nullptr ? nullptr : rec->target;
+}
+
+EventTargetRef GetControlEventTarget(ControlRef inControl) {
+    Lock lock(plat::ModelLock());
+    ControlRec* rec = LiveControl(inControl);
+    return rec == nullptr ? nullptr : rec->target;
+}
+
+EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
+    Lock lock(plat::ModelLock());
+    if (WindowRec* window = LiveWindow(reinterpret_cast<WindowRef>(inObject))) {
+        return window->target;
+    }
+    if (ControlRec* control = LiveControl(reinterpret_cast<ControlRef>(inObject))) {
+        return control->target;
+    }
+    return nullptr;
+}
+
+/* ---- Controls ---- */
+
+OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* outControl) {
+    if (outControl != nullptr) {
+        *outControl = nullptr;
+    }
+    if (inID == nullptr || outControl == nullptr) {
+        return paramErr;
+    }
+    Lock lock(plat::ModelLock());
+    WindowRec* window = LiveWindow(inWindow);
+    if (window == nullptr) {
+        return errInvalidWindowRef;
+    }
+    for (uintptr_t c : window->controls) {
+        const ControlID& id = M().controls.at(c).id;
+        if (id.signature == inID->signature && id.id == inID->id) {
+            *outControl = reinterpret_cast<ControlRef>(c);
+            return noErr;
+        }
+    }
+    return errUnknownControl;
+}
+
+WindowRef GetControlOwner(ControlRef inControl) {
+    Lock lock(plat::ModelLock());
+    ControlRec* rec = LiveControl(inControl);
+    return rec == nullptr ? nullptr : reinterpret_cast<WindowRef>(rec->window);
+}
+
+HIViewRef HIViewGetRoot(WindowRef inWindow) {
+    Lock lock(plat::ModelLock());
+    WindowRec* rec = LiveWindow(inWindow);
+    return rec == nullptr ? nullptr : reinterpret_cast<HIViewRef>(rec->root);
+}
+
+OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outControl) {
+    if (outControl == nullptr) {
+        return paramErr;
+    }
+    *outControl = nullptr;
+    Lock lock(plat::ModelLock());
+    ControlRec* start = LiveControl(inStartView);
+    if (start == nullptr) {
+        return paramErr;
+    }
+    if (!start->isRoot) {
+        /* controls have no subviews of their own */
+        if (start->id.signature == inID.signature && start->id.id == inID.id) {
+            *outControl = inStartView;
+            return noErr;
+        }
+        return errUnknownControl;
+    }
+    WindowRef window = reinterpret_cast<WindowRef>(start->window);
+    return GetControlByID(window, &inID, outControl);
+}
+
+OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, Size inSize,
+                     const void* inData) {
+    if (inData == nullptr) {
+        return paramErr;
+    }
+    CFStringRef old = nullptr;
+    WindowRef window = nullptr;
+    {
+        Lock lock(plat::ModelLock());
+        ControlRec* rec = LiveControl(inControl);
+        if (rec == nullptr) {
+            return paramErr;
+        }
+        bool hasText =
+            !rec->isRoot && (rec->kind == kPlatControlStaticText || rec->kind == kPlatControlPushButton);
+        if (inTagName != kControlStaticTextCFStringTag || !hasText) {
+            return errDataNotSupported;
+        }
+        if (inSize != static_cast<Size>(sizeof(CFStringRef))) {
+            return errDataSizeMismatch;
+        }
+        CFStringRef string = nullptr;
+        std::memcpy(&string, inData, sizeof string);
+        std::string text;
+        if (string == nullptr || !StringToUTF8(string, text)) {
+            return paramErr;
+        }
+        CFRetain(string);
+        old = rec->textRef;
+        rec->textRef = string;
+        rec->text = std::move(text);
+        window = reinterpret_cast<WindowRef>(rec->window);
+    }
+    if (old != nullptr) {
+        CFRelease(old);
+    }
+    if (Backend() != nullptr && Backend()->controlChanged != nullptr) {
+        Backend()->controlChanged(window, inControl);
+    }
+    return noErr;
+}
+
+OSErr GetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, Size inBufferSize,
+                     void* inBuffer, Size* outActualSize) {
+    std::string text;
+    {
+        Lock lock(plat::ModelLock());
+        ControlRec* rec = LiveControl(inControl);
+        if (rec == nullptr) {
+            return paramErr;
+        }
+        bool hasText =
+            !rec->isRoot && (rec->kind == kPlatControlStaticText || rec->kind == kPlatControlPushButton);
+        if (inTagName != kControlStaticTextCFStringTag || !hasText) {
+            return errDataNotSupported;
+        }
+        text = rec->text;
+    }
+    if (outActualSize != nullptr) {
+        *outActualSize = sizeof(CFStringRef);
+    }
+    if (inBuffer == nullptr) {
+        return noErr;
+    }
+    if (inBufferSize < static_cast<Size>(sizeof(CFStringRef))) {
+        return errDataSizeMismatch;
+    }
+    /* A new string: the caller releases it. */
+    CFStringRef string = CFStringCreateWithCString(kCFAllocatorDefault, text.c_str(), kCFStringEncodingUTF8);
+    std::memcpy(inBuffer, &string, sizeof string);
+    return string == nullptr ? OSErr(memFullErr) : OSErr(noErr);
+}
+
+OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage) {
+    WindowRef window = nullptr;
+    {
+        Lock lock(plat::ModelLock());
+        ControlRec* rec = LiveControl(inView);
+        if (rec == nullptr || rec->isRoot || rec->kind != kPlatControlImageView) {
+            return paramErr;
+        }
+        rec->rgba.clear();
+        rec->imageWidth = 0;
+        rec->imageHeight = 0;
+        if (inImage != nullptr && !CopyImage(inImage, *rec)) {
+            return paramErr;
+        }
+        window = reinterpret_cast<WindowRef>(rec->window);
+    }
+    if (Backend() != nullptr && Backend()->controlChanged != nullptr) {
+        Backend()->controlChanged(window, inView);
+    }
+    return noErr;
+}
+
+/* ---- The model, for backends ---- */
+
+Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info) {
+    Lock lock(plat::ModelLock());
+    auto it = M().windows.find(IdOf(window));
+    if (info == nullptr || it == M().windows.end()) {
+        return false;
+    }
+    const WindowRec& rec = it->second;
+    info->window = window;
+    info->nibName = rec.nibName.c_str();
+    info->title = rec.title.c_str();
+    info->width = rec.width;
+    info->height = rec.height;
+    info->hasCloseBox = rec.closeBox;
+    info->controlCount = rec.controls.size();
+    return true;
+}
+
+Boolean PlatGetControlInfo(WindowRef window, size_t index, PlatControlInfo* info) {
+    Lock lock(plat::ModelLock());
+    auto it = M().windows.find(IdOf(window));
+    if (info == nullptr || it == M().windows.end() || index >= it->second.controls.size()) {
+        return false;
+    }
+    uintptr_t id = it->second.controls[index];
+    const ControlRec& rec = M().controls.at(id);
+    info->control = reinterpret_cast<ControlRef>(id);
+    info->kind = rec.kind;
+    info->frame = rec.frame;
+    info->id = rec.id;
+    info->text = rec.text.c_str();
+    info->isDefault = rec.isDefault;
+    info->indeterminate = rec.indeterminate;
+    info->rgba = rec.rgba.empty() ? nullptr : rec.rgba.data();
+    info->imageWidth = rec.imageWidth;
+    info->imageHeight = rec.imageHeight;
+    return true;
+}
+
+void PlatPostControlHit(ControlRef control) {
+    EventTargetRef target = GetControlEventTarget(control);
+    if (target != nullptr) {
+        PostUserEvent(kEventClassControl, kEventControlHit, typeControlRef, control, target);
+    }
+}
+
+void PlatPostWindowClose(WindowRef window) {
+    EventTargetRef target = GetWindowEventTarget(window);
+    if (target != nullptr) {
+        PostUserEvent(kEventClassWindow, kEventWindowClose, typeWindowRef, window, target);
+    }
+}
+
+/* ---- What tests see ---- */
+
+int PlatScriptShowCount(const char* windowName) {
+    if (windowName == nullptr) {
+        return 0;
+    }
+    Lock lock(plat::ModelLock());
+    auto it = M().showCounts.find(windowName);
+    return it == M().showCounts.end() ? 0 : it->second;
+}
+
+Boolean PlatScriptIsVisible(const char* windowName) {
+    if (windowName == nullptr) {
+        return false;
+    }
+    Lock lock(plat::ModelLock());
+    for (const auto& [id, window] : M().windows) {
+        if (!window.disposing && window.visible && window.nibName == windowName) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Boolean PlatScriptGetControlText(const char* windowName, OSType signature, SInt32 id, char* buffer,
+                                 size_t size) {
+    if (windowName == nullptr || buffer == nullptr || size == 0) {
+        return false;
+    }
+    buffer[0] = '\0';
+    Lock lock(plat::ModelLock());
+    WindowRec* window = NewestByName(windowName);
+    if (window == nullptr) {
+        return false;
+    }
+    for (uintptr_t c : window->controls) {
+        const ControlRec& control = M().controls.at(c);
+        if (control.id.signature == signature && control.id.id == id) {
+            /* a text that does not fit is cut, and reported as not read */
+            size_t n = control.text.size() < size ? control.text.size() : size - 1;
+            std::memcpy(buffer, control.text.data(), n);
+            buffer[n] = '\0';
+            return n == control.text.size();
+        }
+    }
+    return false;
+}
