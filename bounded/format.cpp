@@ -686,62 +686,40 @@ inline int Magnitude(int value) {
     return static_cast<int>(0u - static_cast<unsigned>(value));
 }
 
-} // namespace
+/* How a specification ended. */
+enum ParseOutcome {
+    PARSED,   /* at its conversion character */
+    LITERAL,  /* it turned out to be text: "%%", or an I that starts no modifier */
+    REJECTED, /* the format is not accepted */
+};
 
-/* ---- The engine ------------------------------------------------------------------------ */
+/* Reads one conversion specification, format pointing behind its "%", through the state
+ * table, taking the "*" arguments as they come. On LITERAL, *literal is the character to
+ * write. format ends behind the last character read. */
+inline ParseOutcome ParseSpecification(const char*& format, Conversion& conv, StarArguments& stars,
+                                       ArgumentList& argList, char* literal) {
+    conv.flags = 0;
+    conv.width = 0;
+    conv.precision = -1;
+    conv.prefixLen = 0;
+    conv.isWide = false;
+    conv.noOutput = false;
+    stars.widthFromArgs = false;
+    stars.precisionFromArgs = false;
 
-/* Writes format with its arguments to stream. Returns the number of characters written,
- * or -1 when the format is rejected, a write found no room, or a wide text did not
- * convert; stream->count tells the caller which of the last two applies. */
-static int format_output_s(OutputBuffer* stream, const char* format, va_list callerArgs) {
-    if (*format == '\0') {
-        return 0;
-    }
-    ArgumentList argList;
-    va_copy(argList.ap, callerArgs);
-    int result = -1;
-    OutputBuffer out = *stream;
-    int written = 0;
-    int state = STAT_NORMAL;
-    Conversion conv{};
-    StarArguments stars{};
-    const char* specStart = format;
-    char integerText[INTEGER_TEXT_SIZE];
-    char charText[MB_LEN_MAX];
-    char floatText[FLOAT_LOCAL_BUFFER_SIZE];
-
-    unsigned char ch;
-    while ((ch = static_cast<unsigned char>(*format)) != '\0' && written != -1) {
-        if ((state == STAT_NORMAL || state == STAT_TYPE) && ch != '%') {
-            /* Plain text up to the next specification goes out in one piece. */
-            const char* run = format;
-            do {
-                ++format;
-            } while (*format != '\0' && *format != '%');
-            WriteText(run, static_cast<int>(format - run), &out, &written);
-            state = STAT_NORMAL;
-            continue;
-        }
-        ++format;
+    int state = STAT_PERCENT;
+    for (;;) {
+        /* A terminator is of class OTHER: inside a specification it leads to INVALID. */
+        unsigned char ch = static_cast<unsigned char>(*format++);
         int previous = state;
         state = formatTransitions.next[state][formatClasses.of[ch]];
-
         switch (state) {
-        case STAT_NORMAL:
-            write_char_a(static_cast<char>(ch), &out, &written);
-            break;
+        case STAT_TYPE:
+            return PARSED;
 
-        case STAT_PERCENT:
-            conv.flags = 0;
-            conv.width = 0;
-            conv.precision = -1;
-            conv.prefixLen = 0;
-            conv.isWide = false;
-            conv.noOutput = false;
-            stars.widthFromArgs = false;
-            stars.precisionFromArgs = false;
-            specStart = format - 1;
-            break;
+        case STAT_NORMAL: /* "%%" */
+            *literal = static_cast<char>(ch);
+            return LITERAL;
 
         case STAT_FLAG:
             switch (ch) {
@@ -777,7 +755,7 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
                     conv.width = 0;
                 }
                 if (conv.width > MAX_VALUE_BEFORE_DIGIT) {
-                    goto done;
+                    return REJECTED;
                 }
                 conv.width = AppendDigit(conv.width, static_cast<char>(ch));
             }
@@ -794,7 +772,7 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
                 conv.precision = stars.precision < -1 ? -1 : stars.precision;
             } else {
                 if (conv.precision > MAX_VALUE_BEFORE_DIGIT) {
-                    goto done;
+                    return REJECTED;
                 }
                 conv.precision = AppendDigit(conv.precision, static_cast<char>(ch));
             }
@@ -802,60 +780,182 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
 
         case STAT_SIZE:
             if (!RecordSizeModifier(static_cast<char>(ch), format, conv.flags)) {
-                write_char_a('I', &out, &written);
-                state = STAT_NORMAL;
+                *literal = 'I';
+                return LITERAL;
             }
             break;
-
-        case STAT_TYPE: {
-            /* At this point the specification from specStart to format is parsed:
-             *   conv.flags      the flag characters and length modifiers seen;
-             *   conv.width      0 when not given, never negative unless "*" gave INT_MIN;
-             *   conv.precision  -1 when not given;
-             *   stars           the "*" values as read, for the platform formatter;
-             * and ch is the conversion character. Now fetch its argument, make its text,
-             * then write it. */
-            char* heapText = NULL;
-            switch (ch) {
-            case 'd':
-            case 'i':
-            case 'u':
-            case 'o':
-            case 'x':
-            case 'X':
-            case 'p':
-                ConvertInteger(conv, static_cast<char>(ch), argList, integerText);
-                break;
-            case 's':
-            case 'S':
-            case 'c':
-            case 'C':
-                if (!ConvertTextual(conv, static_cast<char>(ch), argList, charText)) {
-                    written = -1;
-                    conv.noOutput = true;
-                }
-                break;
-            default: /* e E f F g G */
-                ConvertFloat(conv, static_cast<char>(ch), specStart, static_cast<size_t>(format - specStart),
-                             stars, argList, floatText, &heapText);
-                break;
-            }
-            if (!conv.noOutput) {
-                WriteConversion(conv, &out, &written);
-            }
-            free(heapText);
-            break;
-        }
 
         default: /* STAT_INVALID */
-            goto done;
+            return REJECTED;
         }
     }
-    /* A format that ends inside a specification is rejected. */
-    if (written != -1 && (state == STAT_NORMAL || state == STAT_TYPE)) {
-        result = written;
+}
+
+/* Writes the conversion of a specification that is only its conversion character, for
+ * d i u x X s c; returns false, taking nothing, for the others. */
+inline bool WriteBareConversion(char type, ArgumentList& argList, OutputBuffer* f, int* pnumwritten) {
+    char digits[24];
+    char* end = digits + sizeof digits;
+    char* text;
+    switch (type) {
+    case 'd':
+    case 'i': {
+        int value = va_arg(argList.ap, int);
+        uint32_t magnitude = value < 0 ? 0u - static_cast<uint32_t>(value) : static_cast<uint32_t>(value);
+        text = value == 0 ? end - 1 : FormatDecimal(magnitude, end);
+        if (value == 0) {
+            *text = '0';
+        }
+        if (value < 0) {
+            *--text = '-';
+        }
+        break;
     }
-done:
+    case 'u': {
+        unsigned value = va_arg(argList.ap, unsigned);
+        text = value == 0 ? end - 1 : FormatDecimal(value, end);
+        if (value == 0) {
+            *text = '0';
+        }
+        break;
+    }
+    case 'x':
+    case 'X': {
+        unsigned value = va_arg(argList.ap, unsigned);
+        text = value == 0 ? end - 1
+                          : FormatHex(value, type == 'x' ? _itoa_lower_digits : _itoa_upper_digits, end);
+        if (value == 0) {
+            *text = '0';
+        }
+        break;
+    }
+    case 's': {
+        const char* string = va_arg(argList.ap, const char*);
+        if (string == NULL) {
+            string = STR_NULL_STRING;
+        }
+        size_t len = strlen(string);
+        WriteText(string, len < INT_MAX ? static_cast<int>(len) : INT_MAX, f, pnumwritten);
+        return true;
+    }
+    case 'c':
+        write_char_a(static_cast<char>(va_arg(argList.ap, int)), f, pnumwritten);
+        return true;
+    default:
+        return false;
+    }
+    WriteText(text, static_cast<int>(end - text), f, pnumwritten);
+    return true;
+}
+
+} // namespace
+
+/* ---- The engine ------------------------------------------------------------------------ */
+
+/* Writes format with its arguments to stream. Returns the number of characters written,
+ * or -1 when the format is rejected, a write found no room, or a wide text did not
+ * convert; stream->count tells the caller which of the last two applies. */
+static int format_output_s(OutputBuffer* stream, const char* format, va_list callerArgs) {
+    if (*format == '\0') {
+        return 0;
+    }
+    ArgumentList argList;
+    va_copy(argList.ap, callerArgs);
+    OutputBuffer out = *stream;
+    int written = 0;
+    int result = -1;
+    Conversion conv{};
+    StarArguments stars{};
+    char integerText[INTEGER_TEXT_SIZE];
+    char charText[MB_LEN_MAX];
+    char floatText[FLOAT_LOCAL_BUFFER_SIZE];
+
+    for (;;) {
+        /* Plain text up to the next specification goes out in one piece. */
+        const char* run = format;
+        while (*format != '\0' && *format != '%') {
+            ++format;
+        }
+        if (format != run) {
+            WriteText(run, static_cast<int>(format - run), &out, &written);
+            if (written == -1) {
+                break;
+            }
+        }
+        if (*format == '\0') {
+            result = written;
+            break;
+        }
+
+        const char* specStart = format++;
+        /* A conversion character straight after the "%" is the common case: no flags,
+         * width, precision or size. Its text is made and written without the general
+         * machinery; the result is the same. */
+        const unsigned char bare = static_cast<unsigned char>(*format);
+        if (formatTransitions.next[STAT_PERCENT][formatClasses.of[bare]] == STAT_TYPE &&
+            WriteBareConversion(static_cast<char>(bare), argList, &out, &written)) {
+            ++format;
+            if (written == -1) {
+                break;
+            }
+            continue;
+        }
+        char literal;
+        ParseOutcome parsed = ParseSpecification(format, conv, stars, argList, &literal);
+        if (parsed == REJECTED) {
+            break;
+        }
+        if (parsed == LITERAL) {
+            write_char_a(literal, &out, &written);
+            if (written == -1) {
+                break;
+            }
+            continue;
+        }
+
+        /* At this point the specification from specStart to format is parsed:
+         *   conv.flags      the flag characters and length modifiers seen;
+         *   conv.width      0 when not given; never negative unless "*" gave INT_MIN;
+         *   conv.precision  -1 when not given;
+         *   stars           the "*" values as read, for the platform formatter;
+         * and format[-1] is the conversion character. Now fetch its argument, make its
+         * text, then write it. */
+        const char type = format[-1];
+        char* heapText = NULL;
+        switch (type) {
+        case 'd':
+        case 'i':
+        case 'u':
+        case 'o':
+        case 'x':
+        case 'X':
+        case 'p':
+            ConvertInteger(conv, type, argList, integerText);
+            break;
+        case 's':
+        case 'S':
+        case 'c':
+        case 'C':
+            if (!ConvertTextual(conv, type, argList, charText)) {
+                written = -1; /* a wide text that does not convert fails the call */
+                conv.noOutput = true;
+            }
+            break;
+        default: /* e E f F g G */
+            ConvertFloat(conv, type, specStart, static_cast<size_t>(format - specStart), stars, argList,
+                         floatText, &heapText);
+            break;
+        }
+        if (!conv.noOutput) {
+            WriteConversion(conv, &out, &written);
+        }
+        if (heapText != NULL) {
+            free(heapText);
+        }
+        if (written == -1) {
+            break;
+        }
+    }
     va_end(argList.ap);
     *stream = out;
     return result;
