@@ -46,10 +46,12 @@ bool GetBundlePathFromURL(CFBundleRef bundle, char* buffer, int32_t size) {
     char decoded[kURLTextSize];
     memset_s(urlText, sizeof(urlText), 0, sizeof(urlText));
     memset_s(decoded, sizeof(decoded), 0, sizeof(decoded));
+    // A URL without text leaves the buffer as it is; one too long for any bundle path
+    // the callers could use is refused.
     CFStringRef text = CFURLGetString(bundleURL);
-    bool haveText = text != NULL && CFStringGetCString(text, urlText, sizeof(urlText), kCFStringEncodingUTF8);
+    bool fits = text == NULL || CFStringGetCString(text, urlText, sizeof(urlText), kCFStringEncodingUTF8);
     CFRelease(bundleURL);
-    if (!haveText) {
+    if (!fits) {
         return false;
     }
 

@@ -436,6 +436,17 @@ TEST_F(LauncherFixture, ModulePathBefore105ComesFromTheBundleURL) {
     memset(buffer, 0, sizeof(buffer));
     EXPECT_TRUE(GetModulePath(buffer, 8));
     EXPECT_EQ(bundle.substr(0, 7), buffer);
+
+    // The bundle URL knows no 255-character limit.
+    std::string deep = dir_.path();
+    while (deep.size() < 400) {
+        deep += "/deeper";
+    }
+    deep += "/Launcher.app";
+    PlatSetExecutablePath((deep + "/Contents/MacOS/Launcher").c_str());
+    memset(buffer, 0, sizeof(buffer));
+    EXPECT_TRUE(GetModulePath(buffer, sizeof(buffer)));
+    EXPECT_EQ(deep, buffer);
     EXPECT_EQ(Lines(), TakeLog());
 }
 
