@@ -117,8 +117,7 @@ struct Buffers {
     explicit Buffers(size_t n) : dest(n, 'd'), src(n, 's') { src[n - 1] = '\0'; } // a text of n - 1
 };
 
-template <bool Bounded> void Memcpy(benchmark::State& state) {
-    size_t n = static_cast<size_t>(state.range(0));
+template <bool Bounded> void Memcpy(benchmark::State& state, size_t n) {
     Buffers b(n);
     for (auto _ : state) {
         if (Bounded) {
@@ -132,8 +131,7 @@ template <bool Bounded> void Memcpy(benchmark::State& state) {
 }
 
 // The callers' copy pattern: capacity N, at most N - 1 characters.
-template <bool Bounded> void Strncpy(benchmark::State& state) {
-    size_t n = static_cast<size_t>(state.range(0));
+template <bool Bounded> void Strncpy(benchmark::State& state, size_t n) {
     Buffers b(n);
     for (auto _ : state) {
         if (Bounded) {
@@ -148,8 +146,7 @@ template <bool Bounded> void Strncpy(benchmark::State& state) {
 }
 
 // The callers' append pattern: capacity N, at most N - 1 minus the current length.
-template <bool Bounded> void Strncat(benchmark::State& state) {
-    size_t n = static_cast<size_t>(state.range(0));
+template <bool Bounded> void Strncat(benchmark::State& state, size_t n) {
     Buffers b(n);
     for (auto _ : state) {
         b.dest[0] = '\0';
@@ -164,8 +161,7 @@ template <bool Bounded> void Strncat(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
 }
 
-template <bool Bounded> void Memset(benchmark::State& state) {
-    size_t n = static_cast<size_t>(state.range(0));
+template <bool Bounded> void Memset(benchmark::State& state, size_t n) {
     Buffers b(n);
     for (auto _ : state) {
         if (Bounded) {
@@ -186,12 +182,12 @@ void RegisterPair(const std::string& name, void (*bounded)(benchmark::State&),
     benchmark::RegisterBenchmark((name + "/clib").c_str(), clib);
 }
 
-void RegisterSizedPair(const std::string& name, void (*bounded)(benchmark::State&),
-                       void (*clib)(benchmark::State&)) {
-    for (int size : {16, 1024, 65536}) {
+void RegisterSizedPair(const std::string& name, void (*bounded)(benchmark::State&, size_t),
+                       void (*clib)(benchmark::State&, size_t)) {
+    for (size_t size : {16, 1024, 65536}) {
         std::string sized = name + "_" + std::to_string(size);
-        benchmark::RegisterBenchmark((sized + "/bounded").c_str(), bounded)->Arg(size);
-        benchmark::RegisterBenchmark((sized + "/clib").c_str(), clib)->Arg(size);
+        benchmark::RegisterBenchmark((sized + "/bounded").c_str(), bounded, size);
+        benchmark::RegisterBenchmark((sized + "/clib").c_str(), clib, size);
     }
 }
 

@@ -100,7 +100,7 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
     if (count > BOUNDED_MAX_LEN) {
         return ResetText(dest, BOUNDED_ERANGE_RESET);
     }
-    size_t len = strnlen(dest, destMax);
+    size_t len = dest[0] == '\0' ? 0 : strnlen(dest, destMax);
     if (Address(dest) < Address(src) && Address(src) < Address(dest) + len) {
         return ResetText(dest, BOUNDED_EOVERLAP_RESET);
     }
@@ -119,6 +119,12 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
     /* A source that ends before the destination with a byte to spare, or lies wholly
      * behind it, can meet no write and no read of the other: one scan, one block copy. */
     if (Address(src) + scan < Address(dest) || Address(src) >= Address(dest) + destMax) {
+        if (count < room) {
+            /* The callers' append pattern: whatever the source holds, at most count
+             * characters and the terminator fit, and the C library appends them in one pass. */
+            strncat(dest + len, src, count);
+            return BOUNDED_OK;
+        }
         size_t n = strnlen(src, scan);
         if (n == room) {
             return ResetText(dest, BOUNDED_ERANGE_RESET);
