@@ -12,6 +12,7 @@
 #include <gtk/gtk.h>
 
 #include <algorithm>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
@@ -55,11 +56,12 @@ struct NativeWindow {
     guint pulseSource; // 0 while no indeterminate bar moves
 };
 
-std::unordered_map<WindowRef, NativeWindow*> gWindows;
+// Windows still up when the program ends are freed with the map.
+std::unordered_map<WindowRef, std::unique_ptr<NativeWindow>> gWindows;
 
 NativeWindow* NativeFor(WindowRef window) {
     auto it = gWindows.find(window);
-    return it == gWindows.end() ? nullptr : it->second;
+    return it == gWindows.end() ? nullptr : it->second.get();
 }
 
 void Flush() {
@@ -202,7 +204,9 @@ OSStatus CreateNativeWindow(WindowRef window) {
     if (NativeFor(window))
         return noErr;
 
-    auto* native = new NativeWindow{window, gtk_window_new(GTK_WINDOW_TOPLEVEL), {}, 0};
+    auto owned =
+        std::make_unique<NativeWindow>(NativeWindow{window, gtk_window_new(GTK_WINDOW_TOPLEVEL), {}, 0});
+    NativeWindow* native = owned.get();
     GtkWindow* toplevel = GTK_WINDOW(native->toplevel);
     gtk_window_set_title(toplevel, info.title ? info.title : "");
     gtk_window_set_resizable(toplevel, FALSE);
@@ -233,7 +237,7 @@ OSStatus CreateNativeWindow(WindowRef window) {
         gtk_window_set_default(toplevel, defaultButton);
         gtk_window_set_focus(toplevel, defaultButton);
     }
-    gWindows[window] = native;
+    gWindows[window] = std::move(owned);
     return noErr;
 }
 
@@ -257,13 +261,13 @@ void HideNativeWindow(WindowRef window) {
 }
 
 void DisposeNativeWindow(WindowRef window) {
-    NativeWindow* native = NativeFor(window);
-    if (!native)
+    auto it = gWindows.find(window);
+    if (it == gWindows.end())
         return;
-    gWindows.erase(window);
-    StopPulse(native);
+    std::unique_ptr<NativeWindow> native = std::move(it->second);
+    gWindows.erase(it);
+    StopPulse(native.get());
     gtk_widget_destroy(native->toplevel);
-    delete native;
     Flush();
 }
 

@@ -35,8 +35,8 @@ const std::string kStagedPackage = "/tmp/qv_tmp_vantorel.mpkg";
 const std::string kStagedAutoSetup = "/tmp/AutoSetup";
 const std::string kBoxTitle = "Vantorel Installer";
 const std::string kProgressTitle = "Installing Vantorel";
-constexpr int kWindowWaitMs = 15000;
-constexpr int kRunLimitMs = 60000;
+constexpr int kWindowWaitMs = 30000;
+constexpr int kRunLimitMs = 90000;
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -187,6 +187,14 @@ class LauncherWindowTest : public testing::Test {
                   true);
         // An "open" that only records how it was asked to start the application.
         WriteFile(root + "/bin/open", "#!/bin/sh\necho \"$*\" >> " + Quote(root + "/open.log") + "\n", true);
+        // A "cp" that holds the package copy until the test lets it go, so that the
+        // progress window stays up for as long as the test looks at it, however
+        // slowly the first window came up.
+        WriteFile(root + "/bin/cp",
+                  "#!/bin/sh\ncase \"$*\" in *Vantorel.mpkg*)\n  i=0\n  while [ ! -e " +
+                      Quote(root + "/release-copy") +
+                      " ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i+1)); done;;\nesac\nexec /bin/cp \"$@\"\n",
+                  true);
     }
 
     void TearDown() override {
@@ -242,6 +250,7 @@ class LauncherWindowTest : public testing::Test {
     }
 
     std::string Output() const { return ReadFile(root + "/out.txt"); }
+    void ReleaseCopy() const { WriteFile(root + "/release-copy", ""); }
     std::string OpenLog() const { return ReadFile(root + "/open.log"); }
 
     // A screenshot of the window about 0.3 s after it mapped, in the build tree.
@@ -298,7 +307,9 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     EXPECT_TRUE(WaitForNoWindow(kBoxTitle, 5000));
     unsigned long progress = WaitForWindow(kProgressTitle, kWindowWaitMs);
     EXPECT_NE(progress, 0u) << Output();
-    EXPECT_TRUE(WaitForNoWindow(kProgressTitle, 20000)) << "\"clos\" must close the progress window";
+    EXPECT_FALSE(LogHas("copy mpkg to local end ...."));
+    ReleaseCopy();
+    EXPECT_TRUE(WaitForNoWindow(kProgressTitle, kWindowWaitMs)) << "\"clos\" must close the progress window";
 
     EXPECT_EQ(Finish(), 0) << Output();
     EXPECT_TRUE(LogHasInOrder(
@@ -367,9 +378,10 @@ TEST_F(LauncherWindowTest, InstallShowsTheProgressWindowWhileTheCopyRuns) {
             for (int x = bar.x; x < bar.x + bar.width && !moved; ++x)
                 moved = std::memcmp(shot.At(x, y), later.At(x, y), 3) != 0;
     EXPECT_TRUE(moved) << "the indeterminate progress bar stood still";
-    // Still up while the worker waits; gone once the copy has sent "clos".
+    // Up while the copy runs; gone once the worker has sent "clos" after it.
     EXPECT_FALSE(LogHas("copy mpkg to local end ...."));
-    EXPECT_TRUE(WaitForNoWindow(kProgressTitle, 20000));
+    ReleaseCopy();
+    EXPECT_TRUE(WaitForNoWindow(kProgressTitle, kWindowWaitMs));
 
     EXPECT_EQ(Finish(), 0) << Output();
     EXPECT_TRUE(LogHasInOrder({"Application isn't Exist,then install", "**Install from dashboard path**",
