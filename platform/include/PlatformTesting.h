@@ -22,7 +22,9 @@ void PlatSetOSReleaseQueryFails(Boolean fails);
 
 /* The window backend, chosen once when the first window is created: "scripted",
  * "terminal", "none" or "gtk". Before that, a test may force one; null lets the
- * layer choose (a display: gtk; a terminal on standard input: terminal; else none). */
+ * layer choose (a display: gtk; a terminal on standard input: terminal; else none).
+ * While no window is alive, a call also undoes the choice made, so the next window
+ * chooses again; with windows alive it is ignored. */
 void PlatSetBackend(const char* name);
 const char* PlatGetBackendName(void); /* null until chosen */
 
