@@ -91,10 +91,6 @@ constexpr TransitionMap DeriveTransitions() {
 constexpr ClassMap formatClasses = DeriveClasses();
 constexpr TransitionMap formatTransitions = DeriveTransitions();
 
-static_assert(formatClasses.of['%'] == CLASS_PERCENT && formatClasses.of['z'] == CLASS_SIZE &&
-                  formatClasses.of['x'] == CLASS_TYPE && formatClasses.of['n'] == CLASS_OTHER,
-              "format_state_table classes");
-
 /* ---- Limits ------------------------------------------------------------------------- */
 
 /* A width or precision above this takes no further digit: 214,748,369 is the largest. */
