@@ -407,3 +407,56 @@ TEST_F(QuestionBoxTest, AnsweredOnATerminal) {
 }
 
 } // namespace
+
+namespace {
+
+int RunOpen(const std::string& arguments, const std::string& errorFile) {
+    std::string command =
+        std::string(KESTRUN_BIN_DIR) + "/open " + arguments + " </dev/null >/dev/null 2>" + errorFile;
+    int status = system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The open command starts a bundle's program without waiting for it, and refuses what it
+// cannot start with a message and status 1.
+TEST(OpenCommandTest, StartsDetachedOrExplains) {
+    TempDir temp;
+    const std::string app = temp / "Some App.app";
+    const std::string begun = temp / "begun", ended = temp / "ended";
+    WriteFile(
+        app + "/Contents/Info.plist",
+        "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict><key>CFBundleName</key><string>x</string>"
+        "<key>CFBundleExecutable</key><string>run</string></dict></plist>\n");
+    WriteFile(app + "/Contents/MacOS/run",
+              "#!/bin/sh\ntouch '" + begun + "'\nsleep 2\ntouch '" + ended + "'\n", true);
+    const std::string errors = temp / "errors";
+
+    EXPECT_EQ(RunOpen("-a '" + app + "'", errors), 0);
+    EXPECT_TRUE(WaitForFile(begun));
+    EXPECT_FALSE(fs::exists(ended)); // open came back while the program still runs
+    EXPECT_EQ(ReadFile(errors), "");
+
+    struct Case {
+        std::string arguments, message;
+    } cases[] = {
+        {"-a '" + temp.path() + "/missing.app'", "no such application"},
+        {"-a '" + temp.path() + "/errors'", "neither an application bundle nor an executable"},
+        {"-a '" + temp.path() + "'", "Info.plist: no such file"},
+        {"-a ''", "no application named"},
+        {"'" + app + "'", "usage: open -a APPLICATION"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        EXPECT_EQ(RunOpen(c.arguments, temp / "case-errors"), 1);
+        EXPECT_NE(ReadFile(temp / "case-errors").find(c.message), std::string::npos)
+            << ReadFile(temp / "case-errors");
+    }
+
+    // A bundle whose Info.plist names no program.
+    WriteFile(app + "/Contents/Info.plist",
+              "<plist><dict><key>CFBundleName</key><string>x</string></dict></plist>");
+    EXPECT_EQ(RunOpen("-a '" + app + "'", errors), 1);
+    EXPECT_NE(ReadFile(errors).find("no CFBundleExecutable"), std::string::npos);
+}
+
+} // namespace
