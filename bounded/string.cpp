@@ -127,6 +127,8 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
         }
         size_t n = strnlen(src, scan);
         if (n == room) {
+            /* What was appended up to the last byte stays behind the emptied text. */
+            memcpy(dest + len, src, room);
             return ResetText(dest, BOUNDED_ERANGE_RESET);
         }
         memcpy(dest + len, src, n);
