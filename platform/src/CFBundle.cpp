@@ -38,6 +38,8 @@ CFTypeID CFBundleGetTypeID(void) {
 static std::mutex gBundleLock;
 static std::string gExecutableOverride; /* PlatSetExecutablePath; empty: /proc/self/exe */
 static __CFBundle* gMainBundle;         /* made on first use; never freed, callers hold it unretained */
+static auto* gFormerMainBundles =
+    new std::vector<__CFBundle*>; /* replaced by PlatSetExecutablePath, still held */
 
 static std::string RunningExecutablePath() {
     if (!gExecutableOverride.empty())
@@ -90,6 +92,8 @@ void PlatSetExecutablePath(const char* path) {
     std::lock_guard<std::mutex> guard(gBundleLock);
     gExecutableOverride = path == nullptr ? std::string() : std::string(path);
     /* The old bundle stays allocated: callers may still hold it under the Get rule. */
+    if (gMainBundle != nullptr)
+        gFormerMainBundles->push_back(gMainBundle);
     gMainBundle = nullptr;
 }
 
