@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,12 +71,30 @@ void WriteAll(const std::string& text) {
     }
 }
 
+/* Lines the cursor moved down since the window was drawn keep its progress lines
+ * where they are. */
+void ShiftBars(size_t lines) {
+    for (int& up : T().barsUp) {
+        up += static_cast<int>(lines);
+    }
+}
+
+void Emit(const std::string& text) {
+    WriteAll(text);
+    ShiftBars(static_cast<size_t>(std::count(text.begin(), text.end(), '\n')));
+}
+
 size_t Columns() {
     struct winsize size {};
     if (ioctl(OutFd(), TIOCGWINSZ, &size) == 0 && size.ws_col >= 24) {
         return std::min<size_t>(size.ws_col - 1, 78);
     }
     return 78;
+}
+
+bool Echoes() {
+    struct termios mode;
+    return tcgetattr(STDIN_FILENO, &mode) == 0 && (mode.c_lflag & ECHO) != 0;
 }
 
 bool IsContinuation(unsigned char c) {
@@ -192,6 +211,16 @@ std::string Prompt(WindowRef window) {
     return prompt + ": ";
 }
 
+/* The prompt wrapped to the terminal, or nothing for a window without buttons. */
+std::vector<std::string> PromptLines(WindowRef window) {
+    std::vector<std::string> lines;
+    std::string prompt = Prompt(window);
+    if (!prompt.empty()) {
+        Wrap(prompt, Columns(), lines);
+    }
+    return lines;
+}
+
 /* Draws the window whole, and starts animating its progress lines. */
 void Draw(WindowRef window) {
     PlatWindowInfo info;
@@ -230,11 +259,7 @@ void Draw(WindowRef window) {
     if (!buttons.empty()) {
         Wrap(buttons, width, lines);
     }
-    std::string prompt = Prompt(window);
-    std::vector<std::string> promptLines;
-    if (!prompt.empty()) {
-        Wrap(prompt, width, promptLines);
-    }
+    std::vector<std::string> promptLines = PromptLines(window);
 
     std::string frame;
     for (const std::string& line : lines) {
@@ -325,14 +350,18 @@ void Answer(const std::string& typed) {
     std::string again = named.empty()
                             ? "No button is called \"" + line + "\"."
                             : "More than one button begins with \"" + line + "\"; type the whole name.";
-    WriteAll(again + "\n" + Prompt(window));
+    std::vector<std::string> promptLines = PromptLines(window);
+    for (size_t i = 0; i < promptLines.size(); i++) {
+        again += "\n" + promptLines[i];
+    }
+    Emit(again + " ");
 }
 
 void EndOfInput() {
     T().inputEnded = true;
     PlatWindowInfo info;
     if (Top() != nullptr && PlatGetWindowInfo(Top(), &info) && info.hasCloseBox) {
-        WriteAll("\n");
+        Emit("\n");
         PlatPostWindowClose(Top());
     }
 }
@@ -357,6 +386,9 @@ void ReadInput() {
     while ((end = T().pending.find('\n')) != std::string::npos) {
         std::string line = T().pending.substr(0, end);
         T().pending.erase(0, end + 1);
+        if (Echoes()) {
+            ShiftBars(1); /* the terminal echoed the user's new line */
+        }
         Answer(line);
     }
 }
