@@ -169,8 +169,11 @@ GtkWidget* FrameFor(GtkWidget* label, const PlatRect& frame) {
 
 gboolean OnDeleteEvent(GtkWidget*, GdkEvent*, gpointer window) {
     // The close box is only a request: the layer's handlers decide, and an unhandled
-    // close comes back to us as disposeWindow.
-    gLayer.postWindowClose(static_cast<WindowRef>(window));
+    // close comes back to us as disposeWindow. A window without a close box cannot be
+    // closed by the user at all, whatever a window manager offers.
+    PlatWindowInfo info;
+    if (gLayer.getWindowInfo(static_cast<WindowRef>(window), &info) && info.hasCloseBox)
+        gLayer.postWindowClose(static_cast<WindowRef>(window));
     return TRUE;
 }
 

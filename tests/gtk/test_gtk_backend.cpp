@@ -244,15 +244,22 @@ TEST_F(GtkBackendTest, ClicksReturnAndCloseBoxBecomeEventsOnTheMainThread) {
     Add(box, kPlatControlStaticText, {20, 20, 400, 90}, "Which one?");
     FakeControl* yes = Add(box, kPlatControlPushButton, {230, 130, 90, 28}, "Yes", true);
     FakeControl* no = Add(box, kPlatControlPushButton, {330, 130, 90, 28}, "No");
+    FakeWindow* busy = NewWindow("Backend No Close Box", 300, 100, false);
     Create(box);
+    Create(busy);
     ops->showWindow(RefOf(box));
+    ops->showWindow(RefOf(busy));
 
     std::atomic<unsigned long> x{0};
     std::atomic<bool> stillThere{false};
     driver = std::thread([&] {
         x = WaitForWindow("Backend Input", 5000);
-        if (!x)
+        unsigned long noCloseBox = WaitForWindow("Backend No Close Box", 5000);
+        if (!x || !noCloseBox)
             return;
+        // A window without a close box ignores a close request; the click after it
+        // must be the first input.
+        PressCloseBox(noCloseBox);
         Click(x, 330 + 45, 130 + 14);
         WaitForInputs(1);
         PressReturn(x);
