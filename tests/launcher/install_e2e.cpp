@@ -384,7 +384,6 @@ TEST_F(QuestionBoxTest, AnsweredOnATerminal) {
     } cases[] = {{"yes", kTerminalYes, true}, {"no", kTerminalNo, false}, {"end of input", "", false}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        TempDir scratch;
         std::string bundle = Prepare();
         fs::remove(StartedMarker());
         fs::remove(ScriptReport());
