@@ -198,24 +198,23 @@ TEST(Log, PathOf1023CharactersIsUsedAnd1024TurnsLoggingOff) {
 TEST(Log, FirstLineOfAProcessIsOneAfterOldContent) {
     // A fresh process of its own, whatever ran before in this one.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            TempDir dir;
-            std::string path = dir.Write("Kestrun.log", "old content\n");
-            Log("main", "f", "before init");
-            InitLogSystem(path.c_str());
-            Log("main", "f", nullptr);
-            Log("main", "f", "first");
-            CloseLogSystem();
-            std::string content = ReadWholeFile(path);
-            bool ok = content.rfind("old content\nline 1===", 0) == 0 &&
-                      content.find("main:f --- first\n") != std::string::npos;
-            if (!ok) {
-                fprintf(stderr, "got: %s", content.c_str());
-            }
-            _exit(ok ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
+    auto firstRun = [] {
+        TempDir dir;
+        std::string path = dir.Write("Kestrun.log", "old content\n");
+        Log("main", "f", "before init");
+        InitLogSystem(path.c_str());
+        Log("main", "f", nullptr);
+        Log("main", "f", "first");
+        CloseLogSystem();
+        std::string content = ReadWholeFile(path);
+        bool ok = content.rfind("old content\nline 1===", 0) == 0 &&
+                  content.find("main:f --- first\n") != std::string::npos;
+        if (!ok) {
+            fprintf(stderr, "got: %s", content.c_str());
+        }
+        return ok;
+    };
+    EXPECT_EXIT(_exit(firstRun() ? 0 : 1), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Log, FileIsEmptiedOnlyPastTenMillionBytes) {
