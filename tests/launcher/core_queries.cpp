@@ -118,15 +118,16 @@ TEST(IsProcessExists, MatchesProcessManagerNames) {
     EXPECT_FALSE(IsProcessExists(NULL));
 
     TempDir dir;
-    NamedProcess wizard(dir / "a", "UpdateWizard");
-    NamedProcess longer(dir / "b", "UpdateWizardPlus");
-    ASSERT_TRUE(wizard.running() && longer.running());
-    EXPECT_TRUE(IsProcessExists("UpdateWizard"));
-    EXPECT_FALSE(IsProcessExists("updatewizard"));
-    EXPECT_FALSE(IsProcessExists("UpdateWizar"));
+    NamedProcess setup(dir / "a", "AutoSetup");
+    NamedProcess longer(dir / "b", "AutoSetupAssistant");
+    ASSERT_TRUE(setup.running() && longer.running());
+    EXPECT_TRUE(IsProcessExists("AutoSetup"));
+    EXPECT_TRUE(IsProcessExists("AutoSetupAssistant"));
+    EXPECT_FALSE(IsProcessExists("autosetup"));
+    EXPECT_FALSE(IsProcessExists("AutoSetu"));
     EXPECT_FALSE(IsProcessExists("NoSuchProcessAnywhere"));
     // 33 bytes fit the compare buffer; longer names never match anything.
-    EXPECT_FALSE(IsProcessExists("UpdateWizardUpdateWizardUpdateWiz"));
+    EXPECT_FALSE(IsProcessExists("AutoSetupAssistantAutoSetupAssist"));
 }
 
 TEST(IsProcessExists, LongNamesCompareAsEmpty) {

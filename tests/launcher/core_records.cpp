@@ -174,6 +174,30 @@ TEST_F(LauncherFixture, PackageConfigurationMissing) {
               TakeMainLog());
 }
 
+TEST_F(LauncherFixture, PackageConfigurationWithoutUsableLines) {
+    // Files that open but hold no section: every setting keeps its neutral value.
+    std::string binary("\x00\xff[System\x00]\r\x01VALUE=\x7f", 20);
+    binary += std::string(3000, 'x'); // one line far past the line buffer
+    const std::string contents[] = {"", binary, "VALUE=/Apps/V.app\nRUN_PROCESS_DLG=yes\n"};
+    for (const std::string& text : contents) {
+        pkgVersion = Record(1, 1, 1, 1, 1, 1);
+        strcpy(szAppPath, "stale");
+        isShowProcessWindow = true;
+        WritePkgConfig(text);
+        EXPECT_TRUE(GetPkgVersion());
+        EXPECT_EQ("0,0,0,0,0,0", Fields(pkgVersion));
+        EXPECT_STREQ("", szAppPath);
+        EXPECT_FALSE(isShowProcessWindow);
+    }
+
+    // A directory in the configuration's place opens, and reads as nothing.
+    core_test::fs::remove(bundle_ + kPkgConfig);
+    core_test::fs::create_directories(bundle_ + kPkgConfig);
+    EXPECT_TRUE(GetPkgVersion());
+    EXPECT_EQ("0,0,0,0,0,0", Fields(pkgVersion));
+    EXPECT_STREQ("", szAppPath);
+}
+
 TEST_F(LauncherFixture, LayoutChosenByThePackageRecord) {
     std::string app = dir_ / "Applications/Vantorel.app";
     strcpy(szAppPath, app.c_str());
