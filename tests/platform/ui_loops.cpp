@@ -175,28 +175,4 @@ TEST_F(LoopsTest, QuitWithoutLoopIsKeptForTheNextLoop) {
     worker.join();
 }
 
-// A quit sent from a worker thread while the loop waits ends it.
-TEST_F(LoopsTest, ApplicationLoopDispatchesWorkerEventsUntilQuit) {
-    std::vector<UInt32> seen;
-    Install(GetApplicationEventTarget(), {kCommand}, [&](EventHandlerCallRef, EventRef e) {
-        seen.push_back(CommandOf(e));
-        if (CommandOf(e) == 'last') {
-            QuitApplicationEventLoop();
-        }
-        return noErr;
-    });
-    std::thread worker([] {
-        for (UInt32 c : {UInt32('one '), UInt32('two '), UInt32('last')}) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            SendCommand(c);
-        }
-    });
-    {
-        Watchdog watchdog(10);
-        RunApplicationEventLoop();
-    }
-    worker.join();
-    EXPECT_EQ(seen, (std::vector<UInt32>{'one ', 'two ', 'last'}));
-}
-
 } // namespace
