@@ -28,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kFrameInterval = std::chrono::milliseconds(100);
 constexpr size_t kBarCells = 30;
 constexpr size_t kBarBlock = 6;
+constexpr size_t kMaxLine = 4096;
 
 /* The terminal's state; main thread only, except the wake-up descriptor. */
 struct Terminal {
@@ -319,15 +320,15 @@ std::string Trimmed(const std::string& s) {
     return s.substr(first, last - first + 1);
 }
 
-/* A typed line: the button it names, if exactly one. */
-void Answer(const std::string& typed) {
+/* A typed line: presses the button it names, if exactly one; true when it did. */
+bool Answer(const std::string& typed) {
     WindowRef window = Top();
     if (window == nullptr) {
-        return; /* nothing asks anything */
+        return false; /* nothing asks anything */
     }
     std::vector<Button> buttons = ButtonsOf(window);
     if (buttons.empty()) {
-        return;
+        return false;
     }
     std::string line = Trimmed(typed);
     std::vector<const Button*> named;
@@ -345,7 +346,7 @@ void Answer(const std::string& typed) {
     }
     if (named.size() == 1) {
         PlatPostControlHit(named.front()->control);
-        return;
+        return true;
     }
     std::string again = named.empty()
                             ? "No button is called \"" + line + "\"."
@@ -355,12 +356,14 @@ void Answer(const std::string& typed) {
         again += "\n" + promptLines[i];
     }
     Emit(again + " ");
+    return false;
 }
 
-void EndOfInput() {
+/* Ctrl-D: the close box, unless the last line typed already answered. */
+void EndOfInput(bool answered) {
     T().inputEnded = true;
     PlatWindowInfo info;
-    if (Top() != nullptr && PlatGetWindowInfo(Top(), &info) && info.hasCloseBox) {
+    if (!answered && Top() != nullptr && PlatGetWindowInfo(Top(), &info) && info.hasCloseBox) {
         Emit("\n");
         PlatPostWindowClose(Top());
     }
@@ -373,13 +376,13 @@ void ReadInput() {
         return;
     }
     if (n <= 0) {
-        if (!T().pending.empty()) {
-            std::string last;
-            last.swap(T().pending);
-            Answer(last);
-        }
-        EndOfInput();
+        std::string last;
+        last.swap(T().pending);
+        EndOfInput(!last.empty() && Answer(last));
         return;
+    }
+    if (T().pending.size() > kMaxLine) {
+        T().pending.clear(); /* nobody types this much: not an answer */
     }
     T().pending.append(buffer, static_cast<size_t>(n));
     size_t end;
