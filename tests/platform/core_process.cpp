@@ -95,17 +95,13 @@ TEST(Sysctl, ProcessTableShowsTheChild) {
     ASSERT_NE(found, nullptr);
     EXPECT_STREQ(found->kp_proc.p_comm, "KestrunProbe");
     EXPECT_EQ(found->kp_eproc.e_ppid, getpid());
-
-    // Every process of /proc is there, kernel threads included.
-    std::vector<pid_t> pids = PlatProcListPids();
-    EXPECT_GE(table.size() + 5, pids.size());
 }
 
 TEST(Sysctl, ProcessTableSizeQueryAndShortBuffers) {
     int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
+    size_t processes = PlatProcListPids().size();
     size_t needed = 0;
     ASSERT_EQ(sysctl(name, 3, nullptr, &needed, nullptr, 0), 0);
-    size_t processes = PlatProcListPids().size();
     EXPECT_GT(needed, processes * sizeof(struct kinfo_proc)) << "room for growth";
 
     // One record of room: ENOMEM, one record written, its size reported.
