@@ -1,6 +1,10 @@
-// The bounded functions against the C library calls they stand in for. Each case runs as a
-// pair, ".../bounded" and ".../clib"; at the end the ratio bounded / C library of every pair
-// is printed (from the medians when run with --benchmark_repetitions).
+// The bounded functions against the C library calls they stand in for.
+//
+// Every case runs three ways: ".../bounded" and ".../clib" time each side on its own;
+// ".../paired" alternates short batches of both sides and reports their times per call and
+// the ratio bounded / C library as counters. The paired form is the one to trust on a busy
+// machine, since both sides see the same load. At the end a table of the ratios is printed
+// (from the medians when run with --benchmark_repetitions).
 #include "bounded/bounded.h"
 
 #include <benchmark/benchmark.h>
@@ -9,6 +13,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <chrono>
 #include <iostream>
 #include <map>
 #include <string>
@@ -16,242 +21,253 @@
 
 namespace {
 
-// ---- Formatting ------------------------------------------------------------------------
+// ---- The cases: one call of each side -----------------------------------------------------
 
 const char LOG_FORMAT[] = "line %d===%d-%d-%d %d:%d:%d   %s:%s --- %s\n";
 const char COPY_FORMAT[] = "cp -R \"%s\" \"%s\"";
 
-struct LogArgs {
-    int line = 1842;
-    int year = 2026, month = 11, day = 22, hour = 23, minute = 7, second = 41;
-    const char* source = "main";
-    const char* function = "AutoRunInstallPkg";
-    std::string message;
-};
-
-const LogArgs& ShortLog() {
-    static LogArgs args = [] {
-        LogArgs a;
-        a.message = "Copy package to /tmp/qv_tmp_vantorel.mpkg ok.";
-        return a;
-    }();
-    return args;
-}
-
-const LogArgs& LongLog() {
-    static LogArgs args = [] {
-        LogArgs a;
-        a.message.assign(1500, 'm');
-        return a;
-    }();
-    return args;
-}
-
-const std::string& SourcePath() {
-    static std::string path = "/Volumes/Vantorel/Launcher.app/Contents/Resources/Vantorel.mpk";
-    return path;
-}
-
-const std::string& TargetPath() {
-    static std::string path = "/tmp/qv_tmp_vantorel.mpkg/Contents/Resources/Packages/Client.pk";
-    return path;
-}
-
-template <bool Bounded> void FormatLog(benchmark::State& state, const LogArgs& a) {
+struct LogLine {
     char line[2048];
-    for (auto _ : state) {
+    std::string message;
+    explicit LogLine(size_t messageLength) {
+        const char text[] = "Copy package to /tmp/qv_tmp_vantorel.mpkg ok.";
+        message = messageLength == 0 ? text : std::string(messageLength, 'm');
+    }
+    template <bool Bounded> void Call() {
         int n;
         if (Bounded) {
-            n = snprintf_s(line, sizeof line, sizeof line - 1, LOG_FORMAT, a.line, a.year, a.month, a.day,
-                           a.hour, a.minute, a.second, a.source, a.function, a.message.c_str());
+            n = snprintf_s(line, sizeof line, sizeof line - 1, LOG_FORMAT, 1842, 2026, 11, 22, 23, 7, 41,
+                           "main", "AutoRunInstallPkg", message.c_str());
         } else {
-            n = snprintf(line, sizeof line, LOG_FORMAT, a.line, a.year, a.month, a.day, a.hour, a.minute,
-                         a.second, a.source, a.function, a.message.c_str());
+            n = snprintf(line, sizeof line, LOG_FORMAT, 1842, 2026, 11, 22, 23, 7, 41, "main",
+                         "AutoRunInstallPkg", message.c_str());
         }
         benchmark::DoNotOptimize(n);
-        benchmark::DoNotOptimize(line);
+        benchmark::ClobberMemory();
     }
-}
+};
 
-template <bool Bounded> void FormatCopyCommand(benchmark::State& state) {
+struct CopyCommand {
     char command[1024];
-    const char* from = SourcePath().c_str();
-    const char* to = TargetPath().c_str();
-    for (auto _ : state) {
-        int n = Bounded ? snprintf_s(command, sizeof command, sizeof command - 1, COPY_FORMAT, from, to)
-                        : snprintf(command, sizeof command, COPY_FORMAT, from, to);
+    // Two 60-character paths.
+    std::string from = "/Volumes/Vantorel/Launcher.app/Contents/Resources/Vantorel.mpk";
+    std::string to = "/tmp/qv_tmp_vantorel.mpkg/Contents/Resources/Packages/Client.pk";
+    CopyCommand() {}
+    template <bool Bounded> void Call() {
+        int n = Bounded ? snprintf_s(command, sizeof command, sizeof command - 1, COPY_FORMAT, from.c_str(),
+                                     to.c_str())
+                        : snprintf(command, sizeof command, COPY_FORMAT, from.c_str(), to.c_str());
         benchmark::DoNotOptimize(n);
-        benchmark::DoNotOptimize(command);
+        benchmark::ClobberMemory();
     }
-}
+};
 
-template <bool Bounded> void FormatMinInt(benchmark::State& state) {
+struct MinInt {
     char text[64];
     int value = INT_MIN;
-    for (auto _ : state) {
+    MinInt() {}
+    template <bool Bounded> void Call() {
         benchmark::DoNotOptimize(value);
         int n = Bounded ? snprintf_s(text, sizeof text, sizeof text - 1, "%d", value)
                         : snprintf(text, sizeof text, "%d", value);
         benchmark::DoNotOptimize(n);
-        benchmark::DoNotOptimize(text);
+        benchmark::ClobberMemory();
     }
-}
+};
 
-template <bool Bounded> void FormatHex(benchmark::State& state) {
+struct Hex {
     char text[64];
     unsigned long long value = 0x1234abcd5678ef90ULL;
-    for (auto _ : state) {
+    Hex() {}
+    template <bool Bounded> void Call() {
         benchmark::DoNotOptimize(value);
         int n = Bounded ? snprintf_s(text, sizeof text, sizeof text - 1, "%llx", value)
                         : snprintf(text, sizeof text, "%llx", value);
         benchmark::DoNotOptimize(n);
-        benchmark::DoNotOptimize(text);
+        benchmark::ClobberMemory();
     }
-}
+};
 
-// ---- Copy and fill -----------------------------------------------------------------------
-
+// A destination of n bytes and a source text of n - 1 characters.
 struct Buffers {
     std::vector<char> dest;
     std::vector<char> src;
-    explicit Buffers(size_t n) : dest(n, 'd'), src(n, 's') { src[n - 1] = '\0'; } // a text of n - 1
+    size_t n;
+    explicit Buffers(size_t size) : dest(size, 'd'), src(size, 's'), n(size) { src[size - 1] = '\0'; }
 };
 
-template <bool Bounded> void Memcpy(benchmark::State& state, size_t n) {
-    Buffers b(n);
-    for (auto _ : state) {
+struct Memcpy : Buffers {
+    using Buffers::Buffers;
+    template <bool Bounded> void Call() {
         if (Bounded) {
-            benchmark::DoNotOptimize(memcpy_s(b.dest.data(), n, b.src.data(), n));
+            benchmark::DoNotOptimize(memcpy_s(dest.data(), n, src.data(), n));
         } else {
-            benchmark::DoNotOptimize(memcpy(b.dest.data(), b.src.data(), n));
+            benchmark::DoNotOptimize(memcpy(dest.data(), src.data(), n));
         }
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
-}
+};
 
 // The callers' copy pattern: capacity N, at most N - 1 characters.
-template <bool Bounded> void Strncpy(benchmark::State& state, size_t n) {
-    Buffers b(n);
-    for (auto _ : state) {
+struct Strncpy : Buffers {
+    using Buffers::Buffers;
+    template <bool Bounded> void Call() {
         if (Bounded) {
-            benchmark::DoNotOptimize(strncpy_s(b.dest.data(), n, b.src.data(), n - 1));
+            benchmark::DoNotOptimize(strncpy_s(dest.data(), n, src.data(), n - 1));
         } else {
-            size_t len = strlen(b.src.data());
-            benchmark::DoNotOptimize(memcpy(b.dest.data(), b.src.data(), len + 1));
+            size_t len = strlen(src.data());
+            benchmark::DoNotOptimize(memcpy(dest.data(), src.data(), len + 1));
         }
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
-}
+};
 
 // The callers' append pattern: capacity N, at most N - 1 minus the current length.
-template <bool Bounded> void Strncat(benchmark::State& state, size_t n) {
-    Buffers b(n);
-    for (auto _ : state) {
-        b.dest[0] = '\0';
+struct Strncat : Buffers {
+    using Buffers::Buffers;
+    template <bool Bounded> void Call() {
+        dest[0] = '\0';
         if (Bounded) {
-            benchmark::DoNotOptimize(
-                strncat_s(b.dest.data(), n, b.src.data(), n - 1 - strlen(b.dest.data())));
+            benchmark::DoNotOptimize(strncat_s(dest.data(), n, src.data(), n - 1 - strlen(dest.data())));
         } else {
-            benchmark::DoNotOptimize(strncat(b.dest.data(), b.src.data(), n - 1));
+            benchmark::DoNotOptimize(strncat(dest.data(), src.data(), n - 1));
         }
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
-}
+};
 
-template <bool Bounded> void Memset(benchmark::State& state, size_t n) {
-    Buffers b(n);
-    for (auto _ : state) {
+struct Memset : Buffers {
+    using Buffers::Buffers;
+    template <bool Bounded> void Call() {
         if (Bounded) {
-            benchmark::DoNotOptimize(memset_s(b.dest.data(), n, 0, n));
+            benchmark::DoNotOptimize(memset_s(dest.data(), n, 0, n));
         } else {
-            benchmark::DoNotOptimize(memset(b.dest.data(), 0, n));
+            benchmark::DoNotOptimize(memset(dest.data(), 0, n));
         }
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
+};
+
+// ---- Running them ----------------------------------------------------------------------------
+
+template <typename Case, bool Bounded, typename... Args> void Single(benchmark::State& state, Args... args) {
+    Case c(args...);
+    for (auto _ : state) {
+        c.template Call<Bounded>();
+    }
 }
 
-// ---- Pairs and their ratios ----------------------------------------------------------------
-
-void RegisterPair(const std::string& name, void (*bounded)(benchmark::State&),
-                  void (*clib)(benchmark::State&)) {
-    benchmark::RegisterBenchmark((name + "/bounded").c_str(), bounded);
-    benchmark::RegisterBenchmark((name + "/clib").c_str(), clib);
+// Batches of both sides in turn, the order swapped every time, so that a change of load
+// falls on both alike.
+template <typename Case, typename... Args> void Paired(benchmark::State& state, Args... args) {
+    using Clock = std::chrono::steady_clock;
+    const int batch = 16;
+    Case c(args...);
+    Clock::duration bounded{};
+    Clock::duration clib{};
+    bool boundedFirst = true;
+    for (auto _ : state) {
+        for (int side = 0; side < 2; ++side) {
+            bool runBounded = (side == 0) == boundedFirst;
+            Clock::time_point start = Clock::now();
+            for (int i = 0; i < batch; ++i) {
+                if (runBounded) {
+                    c.template Call<true>();
+                } else {
+                    c.template Call<false>();
+                }
+            }
+            (runBounded ? bounded : clib) += Clock::now() - start;
+        }
+        boundedFirst = !boundedFirst;
+    }
+    double calls = static_cast<double>(state.iterations()) * batch;
+    double boundedNs = std::chrono::duration<double, std::nano>(bounded).count() / calls;
+    double clibNs = std::chrono::duration<double, std::nano>(clib).count() / calls;
+    state.counters["bounded_ns"] = boundedNs;
+    state.counters["clib_ns"] = clibNs;
+    state.counters["ratio"] = clibNs > 0 ? boundedNs / clibNs : 0;
 }
 
-void RegisterSizedPair(const std::string& name, void (*bounded)(benchmark::State&, size_t),
-                       void (*clib)(benchmark::State&, size_t)) {
+template <typename Case, typename... Args> void RegisterCase(const std::string& name, Args... args) {
+    benchmark::RegisterBenchmark((name + "/bounded").c_str(), Single<Case, true, Args...>, args...);
+    benchmark::RegisterBenchmark((name + "/clib").c_str(), Single<Case, false, Args...>, args...);
+    benchmark::RegisterBenchmark((name + "/paired").c_str(), Paired<Case, Args...>, args...);
+}
+
+template <typename Case> void RegisterSizedCase(const std::string& name) {
     for (size_t size : {16, 1024, 65536}) {
-        std::string sized = name + "_" + std::to_string(size);
-        benchmark::RegisterBenchmark((sized + "/bounded").c_str(), bounded, size);
-        benchmark::RegisterBenchmark((sized + "/clib").c_str(), clib, size);
+        RegisterCase<Case>(name + "_" + std::to_string(size), size);
     }
 }
 
 void RegisterAll() {
-    benchmark::RegisterBenchmark("format_log_line/bounded", FormatLog<true>, ShortLog());
-    benchmark::RegisterBenchmark("format_log_line/clib", FormatLog<false>, ShortLog());
-    benchmark::RegisterBenchmark("format_log_line_1500/bounded", FormatLog<true>, LongLog());
-    benchmark::RegisterBenchmark("format_log_line_1500/clib", FormatLog<false>, LongLog());
-    RegisterPair("format_cp_command", FormatCopyCommand<true>, FormatCopyCommand<false>);
-    RegisterPair("format_int_min", FormatMinInt<true>, FormatMinInt<false>);
-    RegisterPair("format_llx", FormatHex<true>, FormatHex<false>);
-    RegisterSizedPair("memcpy", Memcpy<true>, Memcpy<false>);
-    RegisterSizedPair("strncpy", Strncpy<true>, Strncpy<false>);
-    RegisterSizedPair("strncat", Strncat<true>, Strncat<false>);
-    RegisterSizedPair("memset", Memset<true>, Memset<false>);
+    RegisterCase<LogLine>("format_log_line", size_t{0});
+    RegisterCase<LogLine>("format_log_line_1500", size_t{1500});
+    RegisterCase<CopyCommand>("format_cp_command");
+    RegisterCase<MinInt>("format_int_min");
+    RegisterCase<Hex>("format_llx");
+    RegisterSizedCase<Memcpy>("memcpy");
+    RegisterSizedCase<Strncpy>("strncpy");
+    RegisterSizedCase<Strncat>("strncat");
+    RegisterSizedCase<Memset>("memset");
 }
 
-// Console output as usual, plus the time per iteration of every run kept by case and side;
-// a median, when there is one, replaces the single runs.
+// Console output as usual; besides, the CPU time per call of each side and the paired
+// ratio of every case, a median replacing the single runs when there is one.
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
-            std::string name = run.run_name.str();
             bool isMedian = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
             if (run.run_type == Run::RT_Aggregate && !isMedian) {
                 continue;
             }
-            if (isMedian || medians_.count(name) == 0) {
-                double perIteration = run.GetAdjustedCPUTime();
-                (isMedian ? medians_ : singles_)[name] = perIteration;
+            std::string name = run.run_name.str();
+            size_t slash = name.rfind('/');
+            std::string base = name.substr(0, slash);
+            std::string side = name.substr(slash + 1);
+            Entry& entry = entries_[base];
+            if (!isMedian && entry.fromMedian.count(side)) {
+                continue;
+            }
+            if (isMedian) {
+                entry.fromMedian[side] = true;
+            }
+            if (side == "paired") {
+                auto ratio = run.counters.find("ratio");
+                entry.pairedRatio = ratio == run.counters.end() ? 0 : double(ratio->second);
+            } else {
+                entry.cpuNs[side] = run.GetAdjustedCPUTime();
             }
         }
     }
 
     void PrintRatios() const {
-        std::map<std::string, double> times = singles_;
-        for (const auto& m : medians_) {
-            times[m.first] = m.second;
-        }
-        std::cout << "\nratio bounded / C library (CPU time per call)\n";
-        for (const auto& t : times) {
-            const std::string suffix = "/bounded";
-            const std::string& name = t.first;
-            if (name.size() <= suffix.size() ||
-                name.compare(name.size() - suffix.size(), suffix.size(), suffix)) {
-                continue;
-            }
-            std::string base = name.substr(0, name.size() - suffix.size());
-            auto clib = times.find(base + "/clib");
-            if (clib == times.end() || clib->second <= 0) {
-                continue;
-            }
-            char line[160];
-            snprintf(line, sizeof line, "  %-28s %9.2f ns %9.2f ns  ratio %.3f", base.c_str(), t.second,
-                     clib->second, t.second / clib->second);
+        std::cout << "\nbounded / C library: CPU time per call of each side alone, and the paired ratio\n";
+        for (const auto& e : entries_) {
+            auto bounded = e.second.cpuNs.find("bounded");
+            auto clib = e.second.cpuNs.find("clib");
+            char line[200];
+            snprintf(line, sizeof line, "  %-22s %10.2f ns %10.2f ns   alone %.3f   paired %.3f",
+                     e.first.c_str(), bounded == e.second.cpuNs.end() ? 0.0 : bounded->second,
+                     clib == e.second.cpuNs.end() ? 0.0 : clib->second,
+                     bounded != e.second.cpuNs.end() && clib != e.second.cpuNs.end() && clib->second > 0
+                         ? bounded->second / clib->second
+                         : 0.0,
+                     e.second.pairedRatio);
             std::cout << line << "\n";
         }
     }
 
   private:
-    std::map<std::string, double> singles_;
-    std::map<std::string, double> medians_;
+    struct Entry {
+        std::map<std::string, double> cpuNs;
+        std::map<std::string, bool> fromMedian;
+        double pairedRatio = 0;
+    };
+    std::map<std::string, Entry> entries_;
 };
 
 } // namespace

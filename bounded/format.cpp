@@ -787,6 +787,47 @@ inline ParseOutcome ParseSpecification(const char*& format, Conversion& conv, St
     }
 }
 
+/* Texts up to this length are copied byte by byte as they are scanned. */
+constexpr int SHORT_TEXT = 16;
+/* Characters of the longest int, "-2147483648". */
+constexpr int MAX_INT_TEXT = 11;
+
+inline int DecimalDigitCount(uint32_t value) {
+    int n = 1;
+    for (;;) {
+        if (value < 10) {
+            return n;
+        }
+        if (value < 100) {
+            return n + 1;
+        }
+        if (value < 1000) {
+            return n + 2;
+        }
+        if (value < 10000) {
+            return n + 3;
+        }
+        value /= 10000;
+        n += 4;
+    }
+}
+
+/* All digits of value, at least one, ending at end. */
+inline void WriteDecimalDigits(uint32_t value, char* end) {
+    while (value >= 100) {
+        uint32_t rest = value / 100;
+        unsigned pair = value - rest * 100;
+        end -= 2;
+        memcpy(end, decimalPairs.text + 2 * pair, 2);
+        value = rest;
+    }
+    if (value >= 10) {
+        memcpy(end - 2, decimalPairs.text + 2 * value, 2);
+    } else {
+        end[-1] = static_cast<char>('0' + value);
+    }
+}
+
 /* Writes the conversion of a specification that is only its conversion character, for
  * d i u x X s c; returns false, taking nothing, for the others. */
 inline bool WriteBareConversion(char type, ArgumentList& argList, OutputBuffer* f, int* pnumwritten) {
@@ -798,6 +839,20 @@ inline bool WriteBareConversion(char type, ArgumentList& argList, OutputBuffer* 
     case 'i': {
         int value = va_arg(argList.ap, int);
         uint32_t magnitude = value < 0 ? 0u - static_cast<uint32_t>(value) : static_cast<uint32_t>(value);
+        if (f->count > MAX_INT_TEXT) {
+            /* Room for any int: the digits go straight into place. */
+            char* cur = f->cur;
+            if (value < 0) {
+                *cur++ = '-';
+            }
+            cur += DecimalDigitCount(magnitude);
+            WriteDecimalDigits(magnitude, cur);
+            int len = static_cast<int>(cur - f->cur);
+            f->cur = cur;
+            f->count -= len;
+            *pnumwritten += len;
+            return true;
+        }
         text = value == 0 ? end - 1 : FormatDecimal(magnitude, end);
         if (value == 0) {
             *text = '0';
@@ -829,6 +884,22 @@ inline bool WriteBareConversion(char type, ArgumentList& argList, OutputBuffer* 
         const char* string = va_arg(argList.ap, const char*);
         if (string == NULL) {
             string = STR_NULL_STRING;
+        }
+        if (f->count > SHORT_TEXT) {
+            /* Short texts are copied while they are scanned; a longer one goes on by
+             * length and block copy. */
+            int i = 0;
+            while (i < SHORT_TEXT && string[i] != '\0') {
+                f->cur[i] = string[i];
+                ++i;
+            }
+            f->cur += i;
+            f->count -= i;
+            *pnumwritten += i;
+            if (string[i] == '\0') {
+                return true;
+            }
+            string += i;
         }
         size_t len = strlen(string);
         WriteText(string, len < INT_MAX ? static_cast<int>(len) : INT_MAX, f, pnumwritten);
@@ -867,15 +938,27 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
     char floatText[FLOAT_LOCAL_BUFFER_SIZE];
 
     for (;;) {
-        /* Plain text up to the next specification goes out in one piece. */
-        const char* run = format;
-        while (*format != '\0' && *format != '%') {
-            ++format;
-        }
-        if (format != run) {
-            WriteText(run, static_cast<int>(format - run), &out, &written);
-            if (written == -1) {
-                break;
+        /* Plain text up to the next specification: copied while it is scanned, as long
+         * as a byte stays free behind it; whatever remains takes the guarded writes. */
+        if (*format != '\0' && *format != '%') {
+            char* cur = out.cur;
+            char* const last = out.cur + (out.count > 0 ? out.count - 1 : 0);
+            while (cur < last && *format != '\0' && *format != '%') {
+                *cur++ = *format++;
+            }
+            int stored = static_cast<int>(cur - out.cur);
+            out.cur = cur;
+            out.count -= stored;
+            written += stored;
+            const char* rest = format;
+            while (*format != '\0' && *format != '%') {
+                ++format;
+            }
+            if (format != rest) {
+                write_string_a(rest, static_cast<int>(format - rest), &out, &written);
+                if (written == -1) {
+                    break;
+                }
             }
         }
         if (*format == '\0') {
