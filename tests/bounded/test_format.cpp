@@ -6,7 +6,6 @@
 
 #include <limits.h>
 #include <locale.h>
-#include <math.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -65,65 +64,22 @@ Outcome Format(size_t destMax, size_t count, const char* format, ...) {
         EXPECT_TRUE(o_.guardIntact);                                                                         \
     } while (0)
 
-TEST(FormatS, NullArgumentsAndPointers) {
-    EXPECT_FORMAT("(null)", "%s", static_cast<const char*>(nullptr));
-    EXPECT_FORMAT("(n", "%.2s", static_cast<const char*>(nullptr));
-    EXPECT_FORMAT("  (null)|", "%8s|", static_cast<const char*>(nullptr));
-    EXPECT_FORMAT("(nil)", "%p", static_cast<void*>(nullptr));
-    EXPECT_FORMAT("     (nil)", "%10p", static_cast<void*>(nullptr));
-    EXPECT_FORMAT("     (nil)", "%010p", static_cast<void*>(nullptr)); // no zeros around (nil)
-    EXPECT_FORMAT("(nil)     |", "%-10p|", static_cast<void*>(nullptr));
-    EXPECT_FORMAT("0x1000", "%p", reinterpret_cast<void*>(0x1000));
+// Where the engine departs from the C library; the rest is compared with it in
+// test_format_differential.cpp.
+TEST(FormatS, DeparturesFromTheCLibrary) {
+    EXPECT_FORMAT("(null)|(n", "%s|%.2s", static_cast<const char*>(nullptr),
+                  static_cast<const char*>(nullptr));
+    EXPECT_FORMAT("     (nil)|(nil)|0x1000", "%010p|%p|%.8p", static_cast<void*>(nullptr),
+                  static_cast<void*>(nullptr),
+                  reinterpret_cast<void*>(0x1000)); // no zeros around (nil); p takes no precision
     EXPECT_FORMAT("0x00001000", "%010p", reinterpret_cast<void*>(0x1000));
-    EXPECT_FORMAT("0x1000", "%.8p", reinterpret_cast<void*>(0x1000)); // p ignores a precision
-    EXPECT_FORMAT("0xffffffffffffffff", "%p", reinterpret_cast<void*>(UINTPTR_MAX));
-}
-
-TEST(FormatS, IntegerForms) {
-    // Alternate forms.
-    EXPECT_FORMAT("010", "%#o", 8);
-    EXPECT_FORMAT("0", "%#o", 0);
-    EXPECT_FORMAT("0", "%#.0o", 0);
-    EXPECT_FORMAT("00010", "%#.5o", 8);
-    EXPECT_FORMAT("0xff", "%#x", 255);
-    EXPECT_FORMAT("0XFF", "%#X", 255);
-    EXPECT_FORMAT("0", "%#x", 0);
-    EXPECT_FORMAT("", "%#.0x", 0);
-    EXPECT_FORMAT("0x000ff", "%#07x", 255);
-    // Precision, signs and padding.
-    EXPECT_FORMAT("", "%.0d", 0);
-    EXPECT_FORMAT("+", "%+.0d", 0);
-    EXPECT_FORMAT("-0042", "%05d", -42);
-    EXPECT_FORMAT("42   |", "%-5d|", 42);
-    EXPECT_FORMAT("42   |", "%-05d|", 42); // left-justify beats zero-pad
-    EXPECT_FORMAT("42   ", "%*d", -5, 42);
-    EXPECT_FORMAT("   42", "%*d", 5, 42);
-    EXPECT_FORMAT("   007", "%06.3d", 7); // a precision drops zero-pad
-    EXPECT_FORMAT("+7| 7", "%+d|% d", 7, 7);
-    EXPECT_FORMAT("+7", "%+ d", 7);
-    EXPECT_FORMAT("7", "%+u", 7u);       // unsigned conversions take no sign
-    EXPECT_FORMAT("7    |", "%5-d|", 7); // a flag may follow the width
-    EXPECT_FORMAT("7  |", "%5-3d|", 7);  // and digits after it start a new width
-    EXPECT_FORMAT("-2147483648", "%d", INT_MIN);
-    EXPECT_FORMAT("-9223372036854775808", "%lld", LLONG_MIN);
-    EXPECT_FORMAT("18446744073709551615", "%llu", ULLONG_MAX);
-    EXPECT_FORMAT("1777777777777777777777", "%llo", ULLONG_MAX);
-    EXPECT_FORMAT("4294967295", "%u", UINT_MAX);
-    // Precision stops at 512 digits.
-    EXPECT_FORMAT(std::string(511, '0') + "1", "%.600d", 1);
-    EXPECT_FORMAT(std::string(511, '0') + "1", "%.*d", 100000, 1);
-    EXPECT_FORMAT("-" + std::string(511, '0') + "1", "%.512d", -1);
-}
-
-TEST(FormatS, SizeModifiersTakeTheirArgumentWidth) {
-    EXPECT_FORMAT("44", "%hhd", 300);
-    EXPECT_FORMAT("-1 255", "%hhd %hhu", 255, -1);
-    EXPECT_FORMAT("4464", "%hd", 70000);
-    EXPECT_FORMAT("65535", "%hu", -1);
-    EXPECT_FORMAT("-1", "%ld", -1L);
-    EXPECT_FORMAT("9223372036854775807 -9223372036854775807", "%jd %td", INTMAX_MAX, -PTRDIFF_MAX);
-    EXPECT_FORMAT("18446744073709551615", "%zu", SIZE_MAX);
-    EXPECT_FORMAT("ffffffff|1", "%x|%d", 0xffffffffu, 1);
+    EXPECT_FORMAT("   ab", "%05s", "ab");                    // no zero padding for text
+    EXPECT_FORMAT("7    |7  |", "%5-d|%5-3d|", 7, 7);        // a flag may follow the width, digits restart it
+    EXPECT_FORMAT(std::string(511, '0') + "1", "%.600d", 1); // integer precision stops at 512
+    EXPECT_FORMAT("-" + std::string(511, '0') + "1", "%.*d", 100000, -1);
+    Outcome zero = Format(16, 15, "a%cb", 0); // the count includes a zero character
+    EXPECT_EQ(zero.result, 3);
+    EXPECT_EQ(zero.text, "a");
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
 #pragma GCC diagnostic ignored "-Wformat-extra-args"
@@ -136,50 +92,25 @@ TEST(FormatS, SizeModifiersTakeTheirArgumentWidth) {
     };
     expectText(snprintf_s(text, sizeof text, sizeof text - 1, "%I64d|%Id|%I32d|%d", big, big, 5, 6),
                "1099511627776|1099511627776|5|6");
-    expectText(snprintf_s(text, sizeof text, sizeof text - 1, "%I64x %Iu %qd %Ld", big, big, big, big),
-               "10000000000 1099511627776 1099511627776 1099511627776");
-    expectText(snprintf_s(text, sizeof text, sizeof text - 1, "%Zd %Nd", 5, 6), "5 6");
+    expectText(snprintf_s(text, sizeof text, sizeof text - 1, "%I64x %qd %Ld %Zd %Nd", big, big, big, 5, 6),
+               "10000000000 1099511627776 1099511627776 5 6");
     // I before anything but 32, 64 or an integer conversion is plain text.
     expectText(snprintf_s(text, sizeof text, sizeof text - 1, "%Is|%5I3d|%I6x"), "Is|I3d|I6x");
 #pragma GCC diagnostic pop
 }
 
-TEST(FormatS, TextAndCharacters) {
-    EXPECT_FORMAT("ab   |   ab|a|", "%-5s|%5s|%.1s|", "ab", "ab", "ab");
-    EXPECT_FORMAT("   ab", "%05s", "ab"); // no zero padding for text
-    EXPECT_FORMAT("  x|x  ", "%3c|%-3c", 'x', 'x');
-    EXPECT_FORMAT("A", "%c", 0x141); // the low byte
-    Outcome zero = Format(16, 15, "a%cb", 0);
-    EXPECT_EQ(zero.result, 3);
-    EXPECT_EQ(zero.text, "a");
-    EXPECT_FORMAT("50%", "%d%%", 50);
-    EXPECT_FORMAT(".*0#+- zhl", ".*0#+- zhl");
-    EXPECT_FORMAT("line 7===2026-1-2 3:4:5   main:Main --- Main Enter\n",
-                  "line %d===%d-%d-%d %d:%d:%d   %s:%s --- %s\n", 7, 2026, 1, 2, 3, 4, 5, "main", "Main",
-                  "Main Enter");
-    EXPECT_FORMAT("", "");
-}
-
 TEST(FormatS, RejectedFormats) {
-    EXPECT_REJECTED("%n", static_cast<int*>(nullptr));
-    EXPECT_REJECTED("%a", 1.0);
-    EXPECT_REJECTED("%A", 1.0);
-    EXPECT_REJECTED("%1$d", 1);
-    EXPECT_REJECTED("abc%");
-    EXPECT_REJECTED("%5%");
-    EXPECT_REJECTED("%-");
-    EXPECT_REJECTED("%.");
-    EXPECT_REJECTED("%.5");
-    EXPECT_REJECTED("%hh");
-    EXPECT_REJECTED("%d%l", 1);
-    EXPECT_REJECTED("%**d", 1, 1);
-    EXPECT_REJECTED("%5*d", 1);
-    EXPECT_REJECTED("%.-5d", 1);
-    EXPECT_REJECTED("%.5.5d", 1);
-    EXPECT_REJECTED("%l5d", 1L); // a digit after a size modifier
-    EXPECT_REJECTED("%214748370d", 1);
-    EXPECT_REJECTED("%.214748370d", 1);
-    EXPECT_REJECTED("%0000000000214748370d", 1);
+    // Each gets one int, more than any of them reads before it fails.
+    const char* const rejected[] = {
+        "%n",    "%a",     "%A",   "%1$d",        "abc%",         "%5%",
+        "%-",    "%.5",    "%hh",  "%d%l",        "%**d",         "%5*d",
+        "%.-5d", "%.5.5d", "%l5d", "%214748370d", "%.214748370d", "%0000000000214748370d"};
+    for (const char* format : rejected) {
+        Outcome o = Format(64, 63, format, 1);
+        EXPECT_EQ(o.result, -1) << format;
+        EXPECT_EQ(o.text, "") << format;
+        EXPECT_TRUE(o.guardIntact) << format;
+    }
     // Every byte of class OTHER ends a specification with a failure.
     const std::string accepted = "%.*0123456789 #+-ILNZhjlqtwzCEFGSXcdefgiopsux";
     for (int b = 1; b < 256; ++b) {
@@ -209,34 +140,20 @@ TEST(FormatS, LargestWidthIsAcceptedAndExhaustsTheBuffer) {
 // reference here, also for the buffers beyond the engine's stack space.
 TEST(FormatS, FloatingConversionsMatchThePlatform) {
     char expected[2048];
-    snprintf(expected, sizeof expected, "%f|%10.3e|%-+12.4G|%#.0f|%g", 3.14159, 1234.5, 0.000012345, 2.0,
-             1e100);
-    EXPECT_FORMAT(expected, "%f|%10.3e|%-+12.4G|%#.0f|%g", 3.14159, 1234.5, 0.000012345, 2.0, 1e100);
-    snprintf(expected, sizeof expected, "%Lf|%.30Le", 1.0L / 3, 2.0L / 3);
-    EXPECT_FORMAT(expected, "%Lf|%.30Le", 1.0L / 3, 2.0L / 3);
+    const char* const formats[] = {"%-+12.4G|%#.0f|%Lf", "%600.2f|%f|%Lf", "%.600f|%f|%Lf",
+                                   "%+-#0000000000020.3f|%f|%Le"};
+    for (const char* format : formats) { // the last three need heap buffers
+        snprintf(expected, sizeof expected, format, 0.000012345, 2.0, 1.0L / 3);
+        EXPECT_FORMAT(expected, format, 0.000012345, 2.0, 1.0L / 3);
+    }
     snprintf(expected, sizeof expected, "%*.*f|%d|%-*g|", 12, 3, -2.5, 7, -8, 0.5);
     EXPECT_FORMAT(expected, "%*.*f|%d|%-*g|", 12, 3, -2.5, 7, -8, 0.5);
-    // Wide or precise enough to be made on the heap.
-    snprintf(expected, sizeof expected, "%600.2f|", 1.5);
-    EXPECT_FORMAT(expected, "%600.2f|", 1.5);
-    snprintf(expected, sizeof expected, "%.600f|%f", 1.0 / 3, 1e300);
-    EXPECT_FORMAT(expected, "%.600f|%f", 1.0 / 3, 1e300);
-    const char* longSpecification = "%+-#0000000000020.3f|%d"; // copied to the heap
-    snprintf(expected, sizeof expected, longSpecification, 1.25, 4);
-    EXPECT_FORMAT(expected, longSpecification, 1.25, 4);
-    snprintf(expected, sizeof expected, "%f %F %e %g", INFINITY, -INFINITY, NAN, -0.0);
-    EXPECT_FORMAT(expected, "%f %F %e %g", INFINITY, -INFINITY, NAN, -0.0);
-
     // A floating conversion that prints nothing still takes its value off the list.
     EXPECT_FORMAT("|7", "%.*f|%d", 2147483299, 1.0, 7);
     EXPECT_FORMAT("|7", "%.*Lf|%d", 2147478676, 1.0L, 7);
     // ll takes a plain double.
     snprintf(expected, sizeof expected, "%f|%d", 2.5, 9);
     EXPECT_FORMAT(expected, "%llf|%d", 2.5, 9);
-    // A floating text cut by the destination.
-    Outcome cut = Format(6, 5, "%f", 3.14159);
-    EXPECT_EQ(cut.result, -1);
-    EXPECT_EQ(cut.text, "3.141");
 }
 
 // Restores the character type locale a test switched.
