@@ -938,24 +938,24 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
     char floatText[FLOAT_LOCAL_BUFFER_SIZE];
 
     for (;;) {
-        /* Plain text up to the next specification: copied while it is scanned, as long
-         * as a byte stays free behind it; whatever remains takes the guarded writes. */
+        /* Plain text up to the next specification: its first bytes are copied as they
+         * are scanned, while a byte stays free behind them; a longer run is measured and
+         * written as one piece. */
         if (*format != '\0' && *format != '%') {
-            char* cur = out.cur;
-            char* const last = out.cur + (out.count > 0 ? out.count - 1 : 0);
-            while (cur < last && *format != '\0' && *format != '%') {
-                *cur++ = *format++;
+            const int room = out.count - 1;
+            int i = 0;
+            while (i < SHORT_TEXT && i < room && format[i] != '\0' && format[i] != '%') {
+                out.cur[i] = format[i];
+                ++i;
             }
-            int stored = static_cast<int>(cur - out.cur);
-            out.cur = cur;
-            out.count -= stored;
-            written += stored;
-            const char* rest = format;
-            while (*format != '\0' && *format != '%') {
-                ++format;
-            }
-            if (format != rest) {
-                write_string_a(rest, static_cast<int>(format - rest), &out, &written);
+            out.cur += i;
+            out.count -= i;
+            written += i;
+            format += i;
+            if (*format != '\0' && *format != '%') {
+                const char* end = strchrnul(format, '%');
+                WriteText(format, static_cast<int>(end - format), &out, &written);
+                format = end;
                 if (written == -1) {
                     break;
                 }
