@@ -107,7 +107,7 @@ constexpr int LONG_DOUBLE_MAX_PRECISION = INT_MAX - LONG_DOUBLE_EXTRA_ROOM;
 /* Floating text shorter than this is made on the stack, longer on the heap. */
 constexpr int FLOAT_LOCAL_BUFFER_SIZE = 512;
 /* Floating specifications (with terminator) up to this size are copied to the stack. */
-constexpr int FLOAT_LOCAL_SPEC_SIZE = 16;
+constexpr int FLOAT_LOCAL_CONVERSION_SIZE = 16;
 /* Pieces longer than this go by block copy; shorter ones byte by byte. */
 constexpr int BYTEWISE_COPY_MAX = 11;
 
@@ -472,8 +472,9 @@ int indirectSprintf(char* buffer, size_t bufferSize, const char* specification, 
 
 /* The platform formatter reads a long double where its length modifier is exactly "ll",
  * which this engine takes as plain double: such a value is handed over widened. */
-bool PlatformWantsLongDouble(const char* spec, size_t len) {
-    return len >= 4 && spec[len - 2] == 'l' && spec[len - 3] == 'l' && spec[len - 4] != 'l';
+bool PlatformWantsLongDouble(const char* conversionText, size_t len) {
+    return len >= 4 && conversionText[len - 2] == 'l' && conversionText[len - 3] == 'l' &&
+           conversionText[len - 4] != 'l';
 }
 
 struct StarArguments {
@@ -485,8 +486,9 @@ struct StarArguments {
 
 /* Formats one floating conversion through the platform formatter. On success conv.text
  * holds the text in localBuffer or in *heapBuffer (to be freed by the caller). */
-void ConvertFloat(Conversion& conv, char type, const char* spec, size_t specLen, const StarArguments& stars,
-                  ArgumentList& argList, char (&localBuffer)[FLOAT_LOCAL_BUFFER_SIZE], char** heapBuffer) {
+void ConvertFloat(Conversion& conv, char type, const char* conversionText, size_t conversionLen,
+                  const StarArguments& stars, ArgumentList& argList,
+                  char (&localBuffer)[FLOAT_LOCAL_BUFFER_SIZE], char** heapBuffer) {
     bool isLongDouble = (conv.flags & FLAG_LONG_DOUBLE) != 0;
     /* The value leaves the argument list even when nothing is printed, so the
      * conversions after this one get their own arguments. */
@@ -523,38 +525,40 @@ void ConvertFloat(Conversion& conv, char type, const char* spec, size_t specLen,
         *heapBuffer = buffer;
     }
 
-    char localSpec[FLOAT_LOCAL_SPEC_SIZE];
-    char* specCopy = localSpec;
-    if (specLen + 1 > sizeof(localSpec)) {
-        specCopy = static_cast<char*>(malloc(specLen + 1));
-        if (specCopy == NULL) {
+    char localConversion[FLOAT_LOCAL_CONVERSION_SIZE];
+    char* conversionCopy = localConversion;
+    if (conversionLen + 1 > sizeof(localConversion)) {
+        conversionCopy = static_cast<char*>(malloc(conversionLen + 1));
+        if (conversionCopy == NULL) {
             return;
         }
     }
-    memcpy(specCopy, spec, specLen);
-    specCopy[specLen] = '\0';
+    memcpy(conversionCopy, conversionText, conversionLen);
+    conversionCopy[conversionLen] = '\0';
 
-    if (!isLongDouble && PlatformWantsLongDouble(specCopy, specLen)) {
+    if (!isLongDouble && PlatformWantsLongDouble(conversionCopy, conversionLen)) {
         isLongDouble = true;
         longValue = value;
     }
     int result;
     if (stars.widthFromArgs && stars.precisionFromArgs) {
-        result = isLongDouble
-                     ? indirectSprintf(buffer, bufferSize, specCopy, stars.width, stars.precision, longValue)
-                     : indirectSprintf(buffer, bufferSize, specCopy, stars.width, stars.precision, value);
+        result =
+            isLongDouble
+                ? indirectSprintf(buffer, bufferSize, conversionCopy, stars.width, stars.precision, longValue)
+                : indirectSprintf(buffer, bufferSize, conversionCopy, stars.width, stars.precision, value);
     } else if (stars.widthFromArgs) {
-        result = isLongDouble ? indirectSprintf(buffer, bufferSize, specCopy, stars.width, longValue)
-                              : indirectSprintf(buffer, bufferSize, specCopy, stars.width, value);
+        result = isLongDouble ? indirectSprintf(buffer, bufferSize, conversionCopy, stars.width, longValue)
+                              : indirectSprintf(buffer, bufferSize, conversionCopy, stars.width, value);
     } else if (stars.precisionFromArgs) {
-        result = isLongDouble ? indirectSprintf(buffer, bufferSize, specCopy, stars.precision, longValue)
-                              : indirectSprintf(buffer, bufferSize, specCopy, stars.precision, value);
+        result = isLongDouble
+                     ? indirectSprintf(buffer, bufferSize, conversionCopy, stars.precision, longValue)
+                     : indirectSprintf(buffer, bufferSize, conversionCopy, stars.precision, value);
     } else {
-        result = isLongDouble ? indirectSprintf(buffer, bufferSize, specCopy, longValue)
-                              : indirectSprintf(buffer, bufferSize, specCopy, value);
+        result = isLongDouble ? indirectSprintf(buffer, bufferSize, conversionCopy, longValue)
+                              : indirectSprintf(buffer, bufferSize, conversionCopy, value);
     }
-    if (specCopy != localSpec) {
-        free(specCopy);
+    if (conversionCopy != localConversion) {
+        free(conversionCopy);
     }
     if (result < 0 || result > size) {
         return;
@@ -966,7 +970,7 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
             break;
         }
 
-        const char* specStart = format++;
+        const char* conversionStart = format++;
         /* A conversion character straight after the "%" is the common case: no flags,
          * width, precision or size. Its text is made and written without the general
          * machinery; the result is the same. */
@@ -992,7 +996,7 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
             continue;
         }
 
-        /* At this point the specification from specStart to format is parsed:
+        /* At this point the specification from conversionStart to format is parsed:
          *   conv.flags      the flag characters and length modifiers seen;
          *   conv.width      0 when not given; never negative unless "*" gave INT_MIN;
          *   conv.precision  -1 when not given;
@@ -1021,8 +1025,8 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
             }
             break;
         default: /* e E f F g G */
-            ConvertFloat(conv, type, specStart, static_cast<size_t>(format - specStart), stars, argList,
-                         floatText, &heapText);
+            ConvertFloat(conv, type, conversionStart, static_cast<size_t>(format - conversionStart), stars,
+                         argList, floatText, &heapText);
             break;
         }
         if (!conv.noOutput) {

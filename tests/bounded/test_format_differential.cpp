@@ -149,9 +149,10 @@ void CompareOneOfEach(Generator& gen) {
     {
         static const char* sizes[] = {"", "hh", "h", "l", "ll", "j", "z", "t"};
         int size = gen.Below(8);
-        std::string spec = "%" + gen.Flags("-+ 0") + gen.WidthAndPrecision(true, stars, width, precision) +
-                           sizes[size] + (gen.OneIn(2) ? "d" : "i");
-        std::string format = gen.Literal() + spec + gen.Literal();
+        std::string conversion = "%" + gen.Flags("-+ 0") +
+                                 gen.WidthAndPrecision(true, stars, width, precision) + sizes[size] +
+                                 (gen.OneIn(2) ? "d" : "i");
+        std::string format = gen.Literal() + conversion + gen.Literal();
         uint64_t bits = gen.Integer();
         if (size <= 2) {
             CompareWithStars(format, stars, width, precision, static_cast<int>(bits));
@@ -164,9 +165,10 @@ void CompareOneOfEach(Generator& gen) {
         static const char* sizes[] = {"", "hh", "h", "l", "ll", "j", "z", "t"};
         static const char conversions[] = "uoxX";
         int size = gen.Below(8);
-        std::string spec = "%" + gen.Flags("-#0") + gen.WidthAndPrecision(true, stars, width, precision) +
-                           sizes[size] + conversions[gen.Below(4)];
-        std::string format = gen.Literal() + spec + gen.Literal();
+        std::string conversion = "%" + gen.Flags("-#0") +
+                                 gen.WidthAndPrecision(true, stars, width, precision) + sizes[size] +
+                                 conversions[gen.Below(4)];
+        std::string format = gen.Literal() + conversion + gen.Literal();
         uint64_t bits = gen.Integer();
         if (size <= 2) {
             CompareWithStars(format, stars, width, precision, static_cast<unsigned>(bits));
@@ -178,25 +180,28 @@ void CompareOneOfEach(Generator& gen) {
     {
         static const char* texts[] = {"", "a", "hello", "with blanks ",
                                       "0123456789abcdefghijklmnopqrstuvwxyz"};
-        std::string spec = "%" + gen.Flags("-") + gen.WidthAndPrecision(true, stars, width, precision) + "s";
-        CompareWithStars(gen.Literal() + spec + gen.Literal(), stars, width, precision,
+        std::string conversion =
+            "%" + gen.Flags("-") + gen.WidthAndPrecision(true, stars, width, precision) + "s";
+        CompareWithStars(gen.Literal() + conversion + gen.Literal(), stars, width, precision,
                          texts[gen.Below(sizeof texts / sizeof texts[0])]);
-        spec = "%" + gen.Flags("-") + gen.WidthAndPrecision(false, stars, width, precision) + "c";
-        CompareWithStars(gen.Literal() + spec, stars, width, precision, 32 + gen.Below(95));
+        conversion = "%" + gen.Flags("-") + gen.WidthAndPrecision(false, stars, width, precision) + "c";
+        CompareWithStars(gen.Literal() + conversion, stars, width, precision, 32 + gen.Below(95));
     }
     // Pointers (never null: that prints the same, but is tested on its own).
     {
-        std::string spec = "%" + gen.Flags("-") + gen.WidthAndPrecision(false, stars, width, precision) + "p";
+        std::string conversion =
+            "%" + gen.Flags("-") + gen.WidthAndPrecision(false, stars, width, precision) + "p";
         void* pointer = reinterpret_cast<void*>(static_cast<uintptr_t>(gen.Integer() | 1));
-        CompareWithStars(gen.Literal() + spec + gen.Literal(), stars, width, precision, pointer);
+        CompareWithStars(gen.Literal() + conversion + gen.Literal(), stars, width, precision, pointer);
     }
     // Floating conversions, double and long double.
     {
         static const char conversions[] = "fFeEgG";
         bool isLong = gen.OneIn(4);
-        std::string spec = "%" + gen.Flags("-+ #0") + gen.WidthAndPrecision(true, stars, width, precision) +
-                           (isLong ? "L" : "") + conversions[gen.Below(6)];
-        std::string format = gen.Literal() + spec + gen.Literal();
+        std::string conversion = "%" + gen.Flags("-+ #0") +
+                                 gen.WidthAndPrecision(true, stars, width, precision) + (isLong ? "L" : "") +
+                                 conversions[gen.Below(6)];
+        std::string format = gen.Literal() + conversion + gen.Literal();
         if (isLong) {
             CompareWithStars(format, stars, width, precision, static_cast<long double>(gen.Floating()) / 3);
         } else {
