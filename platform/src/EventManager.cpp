@@ -78,8 +78,8 @@ EventRec* FindEvent(EventRef event) {
 }
 
 bool Matches(const HandlerRec& handler, UInt32 eventClass, UInt32 kind) {
-    for (const EventTypeSpec& spec : handler.types) {
-        if (spec.eventClass == eventClass && spec.eventKind == kind) {
+    for (const EventTypeSpec& type : handler.types) {
+        if (type.eventClass == eventClass && type.eventKind == kind) {
             return true;
         }
     }
