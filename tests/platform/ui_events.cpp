@@ -1,69 +1,63 @@
-// The Event Manager: dispatch order and propagation, handlers that change the
-// handler lists or dispose of windows while an event travels, event parameters,
-// and events sent from other threads.
-#include "ui_support.h"
+// The Event Manager: dispatch order and propagation, handler removal, handlers that
+// change what the event travels through, and event parameters.
+#include "support.h"
 
 #include <cstring>
-#include <thread>
 
-using namespace uitest;
+using namespace ptest;
 
 namespace {
 
-class EventsTest : public UiTest {};
-
-// Newest handler first; eventNotHandledErr passes the event on, from the control to
-// its window to the application; the first other answer ends the dispatch.
-TEST_F(EventsTest, HandlersRunNewestFirstAndUnhandledEventsTravelUp) {
-    WindowRef window = NewWindow("Box");
-    ControlRef yes = Control(window, 'YES1', 1);
-    std::string order;
-    auto step = [&order](char name, OSStatus answer) {
+class EventsTest : public UiTest {
+  protected:
+    // Sends a control hit for control to target.
+    OSStatus Hit(ControlRef control, EventTargetRef target) {
+        EventRef hit = nullptr;
+        CreateEvent(nullptr, kEventClassControl, kEventControlHit, 0, 0, &hit);
+        SetEventParameter(hit, kEventParamDirectObject, typeControlRef, sizeof control, &control);
+        OSStatus status = SendEventToEventTarget(hit, target);
+        ReleaseEvent(hit);
+        return status;
+    }
+    HandlerFn Step(std::string& order, char name, OSStatus answer) {
         return [&order, name, answer](EventHandlerCallRef, EventRef) {
             order += name;
             return answer;
         };
-    };
-    Install(GetApplicationEventTarget(), {kHit}, step('D', eventNotHandledErr));
-    Install(GetWindowEventTarget(window), {kHit}, step('C', noErr));
-    Install(GetControlEventTarget(yes), {kHit}, step('A', eventNotHandledErr));
-    Install(GetControlEventTarget(yes), {kHit}, step('B', eventNotHandledErr));
-    Install(GetControlEventTarget(yes), {kClose}, step('X', noErr)); // another kind of event
+    }
+};
 
-    EventRef hit = nullptr;
-    ASSERT_EQ(CreateEvent(nullptr, kEventClassControl, kEventControlHit, 0, 0, &hit), noErr);
-    SetEventParameter(hit, kEventParamDirectObject, typeControlRef, sizeof yes, &yes);
-    EXPECT_EQ(SendEventToEventTarget(hit, GetControlEventTarget(yes)), noErr);
+// Newest first; eventNotHandledErr passes the event on from the control to its
+// window to the application; the first other answer ends the dispatch.
+TEST_F(EventsTest, HandlersRunNewestFirstAndUnhandledEventsTravelUp) {
+    WindowRef window = NewWindow("Box");
+    ControlRef yes = Control(window, 'YES1', 1);
+    std::string order;
+    Install(GetApplicationEventTarget(), kHit, Step(order, 'D', eventNotHandledErr));
+    EventHandlerRef windowHandler = Install(GetWindowEventTarget(window), kHit, Step(order, 'C', noErr));
+    Install(GetControlEventTarget(yes), kHit, Step(order, 'A', eventNotHandledErr));
+    Install(GetControlEventTarget(yes), kHit, Step(order, 'B', eventNotHandledErr));
+    Install(GetControlEventTarget(yes), kClose, Step(order, 'X', noErr));
+    EXPECT_EQ(Hit(yes, GetControlEventTarget(yes)), noErr);
     EXPECT_EQ(order, "BAC");
 
-    // Without the window's handler the event reaches the application, and a hit
-    // nobody takes changes nothing.
-    RemoveEventHandler(handlers_[1]);
+    // A removed handler is passed over; sent to the window, the control is not involved.
+    EXPECT_EQ(RemoveEventHandler(windowHandler), noErr);
+    EXPECT_NE(RemoveEventHandler(windowHandler), noErr) << "removed twice";
     order.clear();
-    EXPECT_EQ(SendEventToEventTarget(hit, GetControlEventTarget(yes)), eventNotHandledErr);
-    EXPECT_EQ(order, "BAD");
+    EXPECT_EQ(Hit(yes, GetControlEventTarget(yes)), eventNotHandledErr);
+    EXPECT_EQ(Hit(yes, GetWindowEventTarget(window)), eventNotHandledErr);
+    EXPECT_EQ(order, "BADD");
     EXPECT_TRUE(IsValidWindowPtr(window));
-
-    // Sent to the window, the control's handlers are not involved.
-    order.clear();
-    EXPECT_EQ(SendEventToEventTarget(hit, GetWindowEventTarget(window)), eventNotHandledErr);
-    EXPECT_EQ(order, "D");
-    ReleaseEvent(hit);
 }
 
 // A close event nobody takes disposes of the window; one a handler takes does not.
 TEST_F(EventsTest, UnhandledCloseDisposesOfTheWindow) {
     WindowRef kept = NewWindow("Box");
     WindowRef closed = NewWindow("Other");
-    int calls = 0;
-    Install(GetWindowEventTarget(kept), {kClose}, [&](EventHandlerCallRef, EventRef) {
-        calls++;
-        return noErr;
-    });
-    Install(GetWindowEventTarget(closed), {kClose}, [&](EventHandlerCallRef, EventRef) {
-        calls++;
-        return eventNotHandledErr;
-    });
+    std::string order;
+    Install(GetWindowEventTarget(kept), kClose, Step(order, 'k', noErr));
+    Install(GetWindowEventTarget(closed), kClose, Step(order, 'c', eventNotHandledErr));
     for (WindowRef w : {kept, closed}) {
         EventRef close = nullptr;
         CreateEvent(nullptr, kEventClassWindow, kEventWindowClose, 0, 0, &close);
@@ -71,198 +65,79 @@ TEST_F(EventsTest, UnhandledCloseDisposesOfTheWindow) {
         EXPECT_EQ(SendEventToEventTarget(close, GetWindowEventTarget(w)), noErr);
         ReleaseEvent(close);
     }
-    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(order, "kc");
     EXPECT_TRUE(IsValidWindowPtr(kept));
     EXPECT_FALSE(IsValidWindowPtr(closed));
-    EXPECT_EQ(GetWindowEventTarget(closed), nullptr);
 }
 
-// Handlers that remove themselves or others, or install new ones, while the event
-// travels: removed ones are not called, new ones only for the next event.
-TEST_F(EventsTest, HandlerListsMayChangeDuringDispatch) {
+// Handlers removed while an event travels are not called, new ones only for the next
+// event; a window disposed of on the way sends the event on to the application.
+TEST_F(EventsTest, HandlersAndWindowsMayGoDuringDispatch) {
     EventTargetRef app = GetApplicationEventTarget();
     std::string order;
-    EventHandlerRef older = Install(app, {kCommand}, [&](EventHandlerCallRef, EventRef) {
-        order += 'O';
-        return eventNotHandledErr;
-    });
+    EventHandlerRef older = Install(app, kCommand, Step(order, 'O', eventNotHandledErr));
     EventHandlerRef self = nullptr;
-    EventHandlerRef added = nullptr;
-    self = Install(app, {kCommand}, [&](EventHandlerCallRef, EventRef) {
+    self = Install(app, kCommand, [&](EventHandlerCallRef, EventRef) {
         order += 'S';
         EXPECT_EQ(RemoveEventHandler(self), noErr);
         EXPECT_EQ(RemoveEventHandler(older), noErr);
-        added = Install(app, {kCommand}, [&](EventHandlerCallRef, EventRef) {
-            order += 'N';
-            return noErr;
-        });
+        Install(app, kCommand, Step(order, 'N', noErr));
         return eventNotHandledErr;
     });
     EXPECT_EQ(SendCommand('test'), eventNotHandledErr);
-    EXPECT_EQ(order, "S");
-    order.clear();
     EXPECT_EQ(SendCommand('test'), noErr);
-    EXPECT_EQ(order, "N");
+    EXPECT_EQ(order, "SN");
 
-    // Removing what is gone, or was never there, is an error and nothing more.
-    EXPECT_NE(RemoveEventHandler(self), noErr);
-    EXPECT_NE(RemoveEventHandler(older), noErr);
-    EXPECT_NE(RemoveEventHandler(nullptr), noErr);
-    int local = 0;
-    EXPECT_NE(RemoveEventHandler(reinterpret_cast<EventHandlerRef>(&local)), noErr);
-    EXPECT_NE(added, nullptr);
-}
-
-// A handler may dispose of the window whose event it handles: the event goes on to
-// the application, and later events for the window's objects are dropped.
-TEST_F(EventsTest, HandlerMayDisposeOfTheWindowItHandles) {
     WindowRef window = NewWindow("Box");
     ControlRef yes = Control(window, 'YES1', 1);
     EventTargetRef controlTarget = GetControlEventTarget(yes);
-    EventTargetRef windowTarget = GetWindowEventTarget(window);
-    std::string order;
-    Install(controlTarget, {kHit}, [&](EventHandlerCallRef, EventRef) {
+    order.clear();
+    Install(controlTarget, kHit, [&](EventHandlerCallRef, EventRef) {
         order += 'c';
         DisposeWindow(window);
         return eventNotHandledErr;
     });
-    Install(windowTarget, {kHit}, [&](EventHandlerCallRef, EventRef) {
-        order += 'w';
-        return eventNotHandledErr;
-    });
-    Install(GetApplicationEventTarget(), {kHit}, [&](EventHandlerCallRef, EventRef) {
-        order += 'a';
-        return noErr;
-    });
-    EventRef hit = nullptr;
-    CreateEvent(nullptr, kEventClassControl, kEventControlHit, 0, 0, &hit);
-    EXPECT_EQ(SendEventToEventTarget(hit, controlTarget), noErr);
+    Install(GetWindowEventTarget(window), kHit, Step(order, 'w', eventNotHandledErr));
+    Install(app, kHit, Step(order, 'a', noErr));
+    EXPECT_EQ(Hit(yes, controlTarget), noErr);
     EXPECT_EQ(order, "ca");
     EXPECT_FALSE(IsValidWindowPtr(window));
-    EXPECT_EQ(GetControlEventTarget(yes), nullptr);
-
-    order.clear();
-    EXPECT_NE(SendEventToEventTarget(hit, controlTarget), noErr);
-    EXPECT_NE(SendEventToEventTarget(hit, windowTarget), noErr);
-    EXPECT_EQ(order, "");
-    ReleaseEvent(hit);
-
-    // References that are not windows are never taken for one.
-    int local = 0;
-    EXPECT_FALSE(IsValidWindowPtr(reinterpret_cast<WindowRef>(&local)));
-    DisposeWindow(window); // twice: nothing happens
+    EXPECT_NE(Hit(yes, controlTarget), noErr) << "the control went with its window";
+    EXPECT_EQ(order, "ca");
 }
 
-// CallNextEventHandler runs the rest of the chain at once and gives its answer.
-TEST_F(EventsTest, CallNextEventHandlerRunsTheRestOfTheChain) {
-    WindowRef window = NewWindow("Box");
-    std::string order;
-    Install(GetApplicationEventTarget(), {kCommand}, [&](EventHandlerCallRef, EventRef) {
-        order += 'a';
-        return OSStatus(42);
-    });
-    Install(GetWindowEventTarget(window), {kCommand}, [&](EventHandlerCallRef call, EventRef event) {
-        order += '[';
-        OSStatus next = CallNextEventHandler(call, event);
-        order += ']';
-        EXPECT_EQ(next, 42);
-        return eventNotHandledErr; // the rest has run already: it must not run twice
-    });
-    EventRef event = NewCommandEvent('next');
-    EXPECT_EQ(SendEventToEventTarget(event, GetWindowEventTarget(window)), eventNotHandledErr);
-    EXPECT_EQ(order, "[a]");
-    ReleaseEvent(event);
-}
-
-TEST(EventParameters, TypedSizedAndOptionalOutputs) {
-    EventRef event = nullptr;
-    ASSERT_EQ(CreateEvent(nullptr, kEventClassCommand, kEventCommandProcess, 12.5, kEventAttributeUserEvent,
-                          &event),
-              noErr);
+TEST(EventParameters, TypedAndSizeChecked) {
+    EventRef event = NewCommandEvent('clos');
     EXPECT_EQ(GetEventClass(event), static_cast<UInt32>(kEventClassCommand));
     EXPECT_EQ(GetEventKind(event), static_cast<UInt32>(kEventCommandProcess));
-
-    HICommand command = {};
-    command.commandID = 'clos';
-    ASSERT_EQ(sizeof command, 18u);
-    ASSERT_EQ(SetEventParameter(event, kEventParamDirectObject, typeHICommand, sizeof command, &command),
-              noErr);
-
-    // Exact size, typed and wildcard, with and without the optional outputs.
     HICommand got = {};
     EventParamType type = 0;
     ByteCount size = 0;
-    EXPECT_EQ(
-        GetEventParameter(event, kEventParamDirectObject, typeHICommand, &type, sizeof got, &size, &got),
-        noErr);
+    EXPECT_EQ(GetEventParameter(event, kEventParamDirectObject, typeWildCard, &type, sizeof got, &size, &got),
+              noErr);
     EXPECT_EQ(got.commandID, static_cast<UInt32>('clos'));
     EXPECT_EQ(type, static_cast<EventParamType>(typeHICommand));
-    EXPECT_EQ(size, 18u);
-    EXPECT_EQ(
-        GetEventParameter(event, kEventParamDirectObject, typeWildCard, nullptr, sizeof got, nullptr, &got),
-        noErr);
+    EXPECT_EQ(size, sizeof(HICommand));
 
-    // Too small a buffer: an error, and not a byte written (guard bytes stay).
-    unsigned char small[17 + 4];
-    std::memset(small, 0xAB, sizeof small);
-    EXPECT_NE(GetEventParameter(event, kEventParamDirectObject, typeHICommand, nullptr, 17, nullptr, small),
+    // Too small a buffer or the wrong type: an error and not a byte written.
+    unsigned char guard[sizeof(HICommand) + 4];
+    memset(guard, 0xAB, sizeof guard);
+    EXPECT_NE(GetEventParameter(event, kEventParamDirectObject, typeHICommand, nullptr, sizeof(HICommand) - 1,
+                                nullptr, guard),
               noErr);
-    for (unsigned char c : small) {
+    EXPECT_NE(GetEventParameter(event, kEventParamDirectObject, typeWindowRef, nullptr, sizeof guard, nullptr,
+                                guard),
+              noErr);
+    for (unsigned char c : guard)
         EXPECT_EQ(c, 0xAB);
-    }
-
-    // Wrong type, absent name, unknown event.
-    WindowRef window = nullptr;
-    EXPECT_NE(GetEventParameter(event, kEventParamDirectObject, typeWindowRef, nullptr, sizeof window,
-                                nullptr, &window),
-              noErr);
-    EXPECT_EQ(window, nullptr);
-    EXPECT_EQ(GetEventParameter(event, kEventParamKeyModifiers, typeUInt32, nullptr, 4, nullptr, small),
+    EXPECT_EQ(GetEventParameter(event, kEventParamKeyModifiers, typeUInt32, nullptr, 4, nullptr, guard),
               eventParameterNotFoundErr);
-    int local = 0;
-    EventRef bogus = reinterpret_cast<EventRef>(&local);
-    EXPECT_NE(
-        GetEventParameter(bogus, kEventParamDirectObject, typeWildCard, nullptr, sizeof got, nullptr, &got),
-        noErr);
-    EXPECT_NE(SendEventToEventTarget(bogus, GetApplicationEventTarget()), noErr);
 
-    // Retained events outlive one release.
+    // A retained event outlives one release.
     EXPECT_EQ(RetainEvent(event), event);
     ReleaseEvent(event);
-    EXPECT_EQ(GetEventClass(event), static_cast<UInt32>(kEventClassCommand));
+    EXPECT_EQ(CommandOf(event), static_cast<UInt32>('clos'));
     ReleaseEvent(event);
-    EXPECT_EQ(GetEventClass(event), 0u);
-}
-
-// From another thread an event is queued; it runs on the main thread, when drained;
-// one for a window disposed of meanwhile is dropped.
-TEST_F(EventsTest, EventsFromOtherThreadsRunOnTheMainThread) {
-    WindowRef window = NewWindow("Box");
-    EventTargetRef windowTarget = GetWindowEventTarget(window);
-    std::vector<bool> onMain;
-    std::vector<UInt32> commands;
-    Install(GetApplicationEventTarget(), {kCommand}, [&](EventHandlerCallRef, EventRef event) {
-        onMain.push_back(OnMainThread());
-        commands.push_back(CommandOf(event));
-        return noErr;
-    });
-    OSStatus fromWorker = -1;
-    OSStatus toWindow = -1;
-    std::thread worker([&] {
-        fromWorker = SendCommand('wrk1');
-        EventRef event = NewCommandEvent('wrk2');
-        toWindow = SendEventToEventTarget(event, windowTarget);
-        ReleaseEvent(event); // the queue holds its own reference
-        SendCommand('wrk3');
-    });
-    worker.join();
-    EXPECT_EQ(fromWorker, noErr);
-    EXPECT_EQ(toWindow, noErr);
-    EXPECT_TRUE(commands.empty()); // nothing ran on the worker
-    DisposeWindow(window);
-    PlatDrainEvents();
-    EXPECT_EQ(commands, (std::vector<UInt32>{'wrk1', 'wrk3'}));
-    EXPECT_EQ(onMain, (std::vector<bool>{true, true}));
 }
 
 } // namespace

@@ -1,85 +1,63 @@
-// The application and modal loops: what ends them, how they nest, and events from
-// a worker thread ending a modal loop on the main thread.
-#include "ui_support.h"
+// The application and modal loops: what ends them, how they nest, and events from a
+// worker thread ending a modal loop on the main thread.
+#include "support.h"
 
+#include <atomic>
 #include <thread>
 
-using namespace uitest;
+using namespace ptest;
 
 namespace {
 
 class LoopsTest : public UiTest {};
 
-// The progress window's exchange: the worker's "clos" ends the modal loop on the
-// main thread, whether it comes while the loop runs or before it starts.
+// The progress window's exchange: the worker's "clos" is queued, not run on the
+// worker, and ends the modal loop on the main thread, also when sent before the loop.
 TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
     for (bool beforeLoop : {false, true}) {
         SCOPED_TRACE(beforeLoop ? "command before the loop" : "command during the loop");
         WindowRef window = NewWindow("Progress");
         ShowWindow(window);
-        bool handledOnMain = false;
+        std::atomic<int> handled{0};
+        bool onMain = false;
         EventHandlerRef handler =
-            Install(GetApplicationEventTarget(), {kCommand}, [&](EventHandlerCallRef, EventRef e) {
-                if (CommandOf(e) == 'clos') {
-                    handledOnMain = OnMainThread();
-                    QuitAppModalLoopForWindow(window);
-                    DisposeWindow(window);
-                }
+            Install(GetApplicationEventTarget(), kCommand, [&](EventHandlerCallRef, EventRef e) {
+                handled++;
+                onMain = OnMainThread();
+                EXPECT_EQ(CommandOf(e), static_cast<UInt32>('clos'));
+                QuitAppModalLoopForWindow(window);
+                DisposeWindow(window);
                 return noErr;
             });
-        std::atomic<bool> sent{false};
-        std::thread worker([&] {
-            if (!beforeLoop) {
+        std::thread worker([beforeLoop] {
+            if (!beforeLoop)
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            }
-            SendCommand('clos');
-            sent = true;
+            EXPECT_EQ(SendCommand('clos'), noErr);
         });
         if (beforeLoop) {
             worker.join();
+            EXPECT_EQ(handled, 0);
         }
-        {
-            Watchdog watchdog(10, {window});
-            EXPECT_EQ(RunAppModalLoopForWindow(window), noErr);
-        }
-        if (!beforeLoop) {
+        EXPECT_EQ(RunAppModalLoopForWindow(window), noErr);
+        if (!beforeLoop)
             worker.join();
-        }
-        EXPECT_TRUE(sent);
-        EXPECT_TRUE(handledOnMain);
+        EXPECT_EQ(handled, 1);
+        EXPECT_TRUE(onMain);
         EXPECT_FALSE(IsValidWindowPtr(window));
         RemoveEventHandler(handler);
     }
-}
-
-// A loop for a window that is not there ends at once with an error; disposing of the
-// window a modal loop runs for ends that loop too.
-TEST_F(LoopsTest, ModalLoopNeedsItsWindow) {
-    Watchdog watchdog(10);
+    // A window that is not there, or no longer: an error at once.
     EXPECT_EQ(RunAppModalLoopForWindow(nullptr), errInvalidWindowRef);
-    WindowRef gone = NewWindow("Other");
-    DisposeWindow(gone);
-    EXPECT_EQ(RunAppModalLoopForWindow(gone), errInvalidWindowRef);
-    EXPECT_EQ(QuitAppModalLoopForWindow(gone), errInvalidWindowRef);
-
-    WindowRef window = NewWindow("Progress");
-    Install(GetApplicationEventTarget(), {kCommand}, [&](EventHandlerCallRef, EventRef) {
-        DisposeWindow(window);
-        return noErr;
-    });
-    std::thread worker([] { SendCommand('disp'); });
-    EXPECT_EQ(RunAppModalLoopForWindow(window), noErr);
-    worker.join();
-    EXPECT_FALSE(IsValidWindowPtr(window));
+    EXPECT_EQ(RunAppModalLoopForWindow(windows_[0]), errInvalidWindowRef);
 }
 
-// Modal loops nest: quitting the outer window's loop from inside the inner one
-// leaves the inner loop running until its own quit, then the outer ends too.
+// Quitting the outer window's loop from inside the inner one leaves the inner loop
+// running until its own quit; then the outer ends too.
 TEST_F(LoopsTest, NestedModalLoopsEndInnermostFirst) {
     WindowRef outer = NewWindow("Box");
     WindowRef inner = NewWindow("Other");
     std::vector<std::string> trace;
-    Install(GetApplicationEventTarget(), {kCommand}, [&](EventHandlerCallRef, EventRef e) {
+    Install(GetApplicationEventTarget(), kCommand, [&](EventHandlerCallRef, EventRef e) {
         switch (CommandOf(e)) {
         case 'open':
             trace.push_back("inner loop");
@@ -98,28 +76,25 @@ TEST_F(LoopsTest, NestedModalLoopsEndInnermostFirst) {
         return noErr;
     });
     // All three are queued before any loop runs: only the loops decide the order.
-    std::thread worker([] {
-        SendCommand('open');
-        SendCommand('qout');
-        SendCommand('qinn');
-    });
-    worker.join();
-    Watchdog watchdog(10, {outer, inner});
+    std::thread([] {
+        for (UInt32 command : {'open', 'qout', 'qinn'})
+            SendCommand(command);
+    }).join();
     EXPECT_EQ(RunAppModalLoopForWindow(outer), noErr);
     EXPECT_EQ(trace,
               (std::vector<std::string>{"inner loop", "quit outer", "quit inner", "inner loop ended"}));
 }
 
 // The message box's "Yes": its handler asks the application loop to quit, then runs a
-// modal loop for the progress window. That modal loop is not ended by the quit; the
-// application loop returns only after the handler has returned.
+// modal loop for the progress window, which that quit does not end; the application
+// loop returns once the handler has returned.
 TEST_F(LoopsTest, ApplicationQuitWaitsForTheHandlerAndItsModalLoop) {
     WindowRef box = NewWindow("Box");
     WindowRef progress = NewWindow("Progress");
     PlatScriptSetAction("Box", kPlatScriptPressControl, 'YES1', 1);
     std::vector<std::string> trace;
     std::thread worker;
-    Install(GetApplicationEventTarget(), {kHit}, [&](EventHandlerCallRef, EventRef) {
+    Install(GetApplicationEventTarget(), kHit, [&](EventHandlerCallRef, EventRef) {
         trace.push_back("yes");
         QuitApplicationEventLoop();
         DisposeWindow(box);
@@ -132,45 +107,31 @@ TEST_F(LoopsTest, ApplicationQuitWaitsForTheHandlerAndItsModalLoop) {
         trace.push_back("modal ended");
         return noErr;
     });
-    Install(GetApplicationEventTarget(), {kCommand}, [&](EventHandlerCallRef, EventRef e) {
-        if (CommandOf(e) == 'clos') {
-            trace.push_back("clos");
-            QuitAppModalLoopForWindow(progress);
-            DisposeWindow(progress);
-        }
+    Install(GetApplicationEventTarget(), kCommand, [&](EventHandlerCallRef, EventRef) {
+        trace.push_back("clos");
+        QuitAppModalLoopForWindow(progress);
+        DisposeWindow(progress);
         return noErr;
     });
     ShowWindow(box);
-    {
-        Watchdog watchdog(10, {progress});
-        RunApplicationEventLoop();
-    }
+    RunApplicationEventLoop();
     trace.push_back("application loop ended");
-    if (worker.joinable()) {
+    if (worker.joinable())
         worker.join();
-    }
     EXPECT_EQ(trace, (std::vector<std::string>{"yes", "clos", "modal ended", "application loop ended"}));
 }
 
-// A quit asked while no application loop runs is kept for the next loop, which ends
-// at once; it is used up by that loop and does not end the one after.
+// A quit asked while no application loop runs ends the next loop at once, and only that one.
 TEST_F(LoopsTest, QuitWithoutLoopIsKeptForTheNextLoop) {
     QuitApplicationEventLoop();
-    {
-        Watchdog watchdog(10);
-        RunApplicationEventLoop();
-        EXPECT_FALSE(watchdog.Fired());
-    }
+    RunApplicationEventLoop();
     std::atomic<bool> quitSent{false};
     std::thread worker([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         quitSent = true;
         QuitApplicationEventLoop();
     });
-    {
-        Watchdog watchdog(10);
-        RunApplicationEventLoop();
-    }
+    RunApplicationEventLoop();
     EXPECT_TRUE(quitSent) << "the kept quit ended a second loop";
     worker.join();
 }

@@ -1,0 +1,277 @@
+// Semaphores, the process queries against /proc, the kernel release, and PNG pictures.
+#include "support.h"
+
+#include "PlatBackend.h"
+#include "PlatProc.h"
+
+#include <sys/sysctl.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <png.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+
+extern char** environ;
+
+using namespace ptest;
+
+namespace {
+
+long MillisecondsOfWait(MPSemaphoreID semaphore, Duration duration, OSStatus expected) {
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(MPWaitOnSemaphore(semaphore, duration), expected);
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
+}
+
+TEST(MPSemaphore, CountsAndMaximum) {
+    MPSemaphoreID semaphore = nullptr;
+    ASSERT_EQ(MPCreateSemaphore(2, 1, &semaphore), noErr);
+    EXPECT_EQ(MPSignalSemaphore(semaphore), noErr);
+    EXPECT_EQ(MPSignalSemaphore(semaphore), kMPInsufficientResourcesErr);
+    EXPECT_EQ(MPWaitOnSemaphore(semaphore, kDurationImmediate), noErr);
+    EXPECT_EQ(MPWaitOnSemaphore(semaphore, kDurationImmediate), noErr);
+    EXPECT_EQ(MPWaitOnSemaphore(semaphore, kDurationImmediate), kMPTimeoutErr);
+    EXPECT_EQ(MPSignalSemaphore(semaphore), noErr) << "room again after the waits";
+    EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
+    EXPECT_EQ(MPCreateSemaphore(1, 2, &semaphore), paramErr) << "initial count above the maximum";
+
+    // Never created, or deleted with a signal pending: an error, and no wait.
+    MPSemaphoreID madeUp = reinterpret_cast<MPSemaphoreID>(static_cast<uintptr_t>(0xDEADBEEF));
+    ASSERT_EQ(MPCreateSemaphore(5, 3, &semaphore), noErr);
+    EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
+    for (MPSemaphoreID id : {madeUp, static_cast<MPSemaphoreID>(nullptr), semaphore}) {
+        EXPECT_EQ(MPSignalSemaphore(id), kMPInvalidIDErr);
+        EXPECT_EQ(MPWaitOnSemaphore(id, kDurationForever), kMPInvalidIDErr);
+        EXPECT_EQ(MPDeleteSemaphore(id), kMPInvalidIDErr);
+    }
+}
+
+TEST(MPSemaphore, TimeOutsAndWakeUps) {
+    Watchdog watchdog;
+    MPSemaphoreID semaphore = nullptr;
+    ASSERT_EQ(MPCreateSemaphore(0x7FFFFFFF, 0, &semaphore), noErr);
+    EXPECT_GE(MillisecondsOfWait(semaphore, 100 * kDurationMillisecond, kMPTimeoutErr), 95);
+    // Negative durations are microseconds: 50 ms, not 50 s.
+    long elapsed = MillisecondsOfWait(semaphore, 50000 * kDurationMicrosecond, kMPTimeoutErr);
+    EXPECT_GE(elapsed, 45);
+    EXPECT_LT(elapsed, 10000);
+    // A signal from another thread ends a long or endless wait early.
+    for (Duration duration : {Duration(60000 * kDurationMillisecond), Duration(kDurationForever)}) {
+        std::thread signaller([semaphore] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            MPSignalSemaphore(semaphore);
+        });
+        EXPECT_LT(MillisecondsOfWait(semaphore, duration, noErr), 30000);
+        signaller.join();
+    }
+    EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
+}
+
+TEST(Layouts, ProcessInfoRecHasTheMacLayout) {
+    EXPECT_EQ(sizeof(ProcessInfoRec), 72u);
+    EXPECT_EQ(offsetof(ProcessInfoRec, processName), 4u);
+    EXPECT_EQ(offsetof(ProcessInfoRec, processNumber), 12u);
+    EXPECT_EQ(offsetof(ProcessInfoRec, processLauncher), 48u);
+    EXPECT_EQ(offsetof(ProcessInfoRec, processAppRef), 64u);
+}
+
+std::vector<struct kinfo_proc> ProcessTable() {
+    int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
+    size_t size = 0;
+    EXPECT_EQ(sysctl(name, 3, nullptr, &size, nullptr, 0), 0);
+    std::vector<struct kinfo_proc> table(size / sizeof(struct kinfo_proc));
+    EXPECT_EQ(sysctl(name, 3, table.data(), &size, nullptr, 0), 0) << strerror(errno);
+    table.resize(size / sizeof(struct kinfo_proc));
+    return table;
+}
+
+// The Process Manager's name: the length-prefixed file name of the executable.
+OSErr ProcessName(ProcessSerialNumber psn, std::string& name) {
+    Str255 text = {};
+    ProcessInfoRec info = {};
+    info.processInfoLength = sizeof info;
+    info.processName = text;
+    OSErr err = GetProcessInformation(&psn, &info);
+    name.assign(reinterpret_cast<const char*>(text) + 1, text[0]);
+    return err;
+}
+
+// A copy of sleep started under a name of its own shows in both process tables.
+TEST(ProcessQueries, ChildShowsUnderItsName) {
+    TempBundle folder;
+    std::string path = folder.Root() + "/KestrunWalker";
+    std::filesystem::copy_file("/bin/sleep", path);
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    char* argv[] = {const_cast<char*>("KestrunWalker"), const_cast<char*>("60"), nullptr};
+    struct Child {
+        pid_t pid = 0;
+        void End() {
+            if (pid > 0 && kill(pid, SIGKILL) == 0)
+                waitpid(pid, nullptr, 0);
+        }
+        ~Child() { End(); }
+    } child;
+    ASSERT_EQ(posix_spawn(&child.pid, path.c_str(), nullptr, nullptr, argv, environ), 0);
+    pid_t pid = child.pid;
+    std::string command; // before its exec the child still carries our name
+    for (int i = 0; i < 1000 && !(PlatProcCommandName(pid, command) && command == "KestrunWalker"); ++i)
+        usleep(5000);
+
+    const struct kinfo_proc* found = nullptr;
+    std::vector<struct kinfo_proc> table = ProcessTable();
+    for (const auto& record : table)
+        found = record.kp_proc.p_pid == pid ? &record : found;
+    ASSERT_NE(found, nullptr);
+    EXPECT_STREQ(found->kp_proc.p_comm, "KestrunWalker");
+    EXPECT_EQ(found->kp_eproc.e_ppid, getpid());
+
+    ProcessSerialNumber psn = {0, kNoProcess};
+    std::string name;
+    OSErr err;
+    while ((err = GetNextProcess(&psn)) == noErr && psn.lowLongOfPSN != static_cast<UInt32>(pid)) {
+    }
+    ASSERT_EQ(err, noErr);
+    EXPECT_EQ(ProcessName(psn, name), noErr);
+    EXPECT_EQ(name, "KestrunWalker");
+    while ((err = GetNextProcess(&psn)) == noErr) {
+    }
+    EXPECT_EQ(err, procNotFound);
+
+    child.End();
+    child.pid = 0;
+    EXPECT_EQ(ProcessName({0, static_cast<UInt32>(pid)}, name), procNotFound);
+}
+
+// Odd entries of /proc: a command name with parentheses, a kernel thread without an
+// executable (no Process Manager entry), an executable replaced while it runs.
+TEST(ProcessQueries, OddProcEntries) {
+    TempBundle folder;
+    auto add = [&](int pid, const std::string& comm, const char* exe, int ppid) {
+        std::string base = folder.Root() + "/" + std::to_string(pid);
+        std::filesystem::create_directories(base);
+        std::ofstream(base + "/comm") << comm << "\n";
+        std::ofstream(base + "/cmdline") << "";
+        std::ofstream(base + "/stat") << pid << " (" << comm << ") S " << ppid
+                                      << " 1 1 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 500 1234567 0 0\n";
+        if (exe)
+            std::filesystem::create_symlink(exe, base + "/exe");
+    };
+    add(7, "kworker/0:1", nullptr, 2);
+    add(12, "Upd) (x", "/Apps/UpdateWizard (deleted)", 5);
+    PlatSetProcRoot(folder.Root().c_str());
+    std::vector<struct kinfo_proc> table = ProcessTable();
+    ProcessSerialNumber psn = {0, kNoProcess};
+    std::string name;
+    EXPECT_EQ(GetNextProcess(&psn), noErr);
+    EXPECT_EQ(ProcessName(psn, name), noErr);
+    EXPECT_EQ(GetNextProcess(&psn), procNotFound);
+    PlatSetProcRoot(nullptr);
+
+    ASSERT_EQ(table.size(), 2u);
+    EXPECT_STREQ(table[0].kp_proc.p_comm, "kworker/0:1");
+    EXPECT_STREQ(table[1].kp_proc.p_comm, "Upd) (x");
+    EXPECT_EQ(table[1].kp_eproc.e_ppid, 5);
+    EXPECT_EQ(name, "UpdateWizard");
+}
+
+std::string Release() {
+    int name[] = {CTL_KERN, KERN_OSRELEASE};
+    char buffer[64];
+    size_t size = sizeof buffer;
+    return sysctl(name, 2, buffer, &size, nullptr, 0) == 0 ? std::string(buffer, size - 1) : "<failed>";
+}
+
+TEST(Sysctl, ShortBuffersReleaseAndOtherNames) {
+    // The size query leaves room for growth; one record of room gives ENOMEM and that record.
+    int all[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
+    size_t size = 0;
+    ASSERT_EQ(sysctl(all, 3, nullptr, &size, nullptr, 0), 0);
+    EXPECT_GT(size, PlatProcListPids().size() * sizeof(struct kinfo_proc));
+    std::vector<unsigned char> buffer(2 * sizeof(struct kinfo_proc), 0xAB);
+    size = sizeof(struct kinfo_proc);
+    EXPECT_EQ(sysctl(all, 3, buffer.data(), &size, nullptr, 0), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(size, sizeof(struct kinfo_proc));
+    EXPECT_EQ(buffer[sizeof(struct kinfo_proc)], 0xAB) << "wrote past the given size";
+
+    EXPECT_EQ(Release(), "10.8.0");
+    PlatSetOSRelease("8.11.1");
+    EXPECT_EQ(Release(), "8.11.1");
+    int release[] = {CTL_KERN, KERN_OSRELEASE};
+    size = 6; // one short of "8.11.1" and its terminator
+    EXPECT_EQ(sysctl(release, 2, buffer.data(), &size, nullptr, 0), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    PlatSetOSReleaseQueryFails(true);
+    EXPECT_EQ(Release(), "<failed>");
+    EXPECT_EQ(errno, ENOENT);
+    PlatSetOSReleaseQueryFails(false);
+    PlatSetOSRelease(nullptr);
+    EXPECT_EQ(Release(), "10.8.0");
+
+    int unknown[] = {CTL_KERN, 999};
+    size = buffer.size();
+    EXPECT_EQ(sysctl(unknown, 2, buffer.data(), &size, nullptr, 0), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(sysctl(release, 2, buffer.data(), nullptr, nullptr, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+// The file at path decoded; no provider: "no file", no image: "no image".
+std::string Decode(const std::string& path, std::vector<unsigned char>* rgba = nullptr) {
+    CFStringRef text = CFStringCreateWithCString(nullptr, path.c_str(), kCFStringEncodingUTF8);
+    CFURLRef url = CFURLCreateWithFileSystemPath(nullptr, text, kCFURLPOSIXPathStyle, false);
+    CFRelease(text);
+    CGDataProviderRef provider = CGDataProviderCreateWithURL(url);
+    CFRelease(url);
+    if (provider == nullptr)
+        return "no file";
+    CGImageRef image = CGImageCreateWithPNGDataProvider(provider, nullptr, false, kCGRenderingIntentDefault);
+    CGDataProviderRelease(provider);
+    if (image == nullptr)
+        return "no image";
+    std::string size = std::to_string(CGImageGetWidth(image)) + "x" + std::to_string(CGImageGetHeight(image));
+    if (rgba)
+        rgba->assign(PlatCGImageGetRGBA(image),
+                     PlatCGImageGetRGBA(image) + CGImageGetWidth(image) * CGImageGetHeight(image) * 4);
+    CGImageRelease(image);
+    return size;
+}
+
+TEST(PNGImage, RealPicturesDecodeOthersDoNot) {
+    TempBundle folder;
+    // Three by two, every pixel different, with partial transparency, written by libpng.
+    std::vector<unsigned char> pixels = {255, 0,  0,  255, 0,   255, 0,  128, 0, 0, 255, 0,
+                                         10,  20, 30, 40,  200, 100, 50, 255, 1, 2, 3,   4};
+    png_image image = {};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = 3;
+    image.height = 2;
+    image.format = PNG_FORMAT_RGBA;
+    std::string png(1024, '\0');
+    png_alloc_size_t size = png.size();
+    ASSERT_TRUE(png_image_write_to_memory(&image, png.data(), &size, 0, pixels.data(), 0, nullptr));
+    png.resize(size);
+    folder.Put("rgba.png", png);
+    std::vector<unsigned char> rgba;
+    EXPECT_EQ(Decode(folder.Resources() + "/rgba.png", &rgba), "3x2");
+    EXPECT_EQ(rgba, pixels);
+    EXPECT_EQ(Decode(KESTRUN_SOURCE_DIR "/resources/Installer.png").find("no"), std::string::npos);
+
+    std::string corrupt = png;
+    corrupt[corrupt.find("IDAT") + 8] ^= 0x55;
+    for (const std::string& bad : {std::string("This is not a picture.\n"), std::string(), png.substr(0, 33),
+                                   png.substr(0, png.size() - 13), corrupt}) {
+        folder.Put("bad.png", bad);
+        EXPECT_EQ(Decode(folder.Resources() + "/bad.png"), "no image") << bad.size();
+    }
+    EXPECT_EQ(Decode(folder.Resources() + "/absent.png"), "no file");
+    EXPECT_EQ(Decode(folder.Resources()), "no file");
+}
+
+} // namespace

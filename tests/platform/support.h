@@ -1,0 +1,186 @@
+// Shared by the platform tests: a temporary bundle taken as the main bundle, a
+// watchdog against loops that never end, and handlers written as lambdas.
+#pragma once
+
+#include <Carbon/Carbon.h>
+#include <PlatformTesting.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <list>
+#include <string>
+#include <vector>
+
+namespace ptest {
+
+// A bundle "<temporary>/Disc One/Launcher.app", the main bundle while it lives.
+class TempBundle {
+  public:
+    TempBundle() {
+        char base[] = "/tmp/kestrun_platform_XXXXXX";
+        root_ = mkdtemp(base) != nullptr ? base : "/tmp/kestrun_platform_failed";
+        path_ = root_ + "/Disc One/Launcher.app";
+        Put("../MacOS/Launcher", "\n");
+        PlatSetExecutablePath((path_ + "/Contents/MacOS/Launcher").c_str());
+    }
+    ~TempBundle() {
+        PlatSetExecutablePath(nullptr);
+        std::error_code ignored;
+        std::filesystem::remove_all(root_, ignored);
+    }
+    // Writes a file below Contents/Resources, creating the folders on the way.
+    void Put(const std::string& relative, const std::string& bytes) const {
+        std::filesystem::path file = Resources() + "/" + relative;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+    }
+    std::string Resources() const { return path_ + "/Contents/Resources"; }
+    const std::string& Path() const { return path_; }
+    const std::string& Root() const { return root_; }
+
+  private:
+    std::string root_, path_;
+};
+
+// Ends the test process if a wait or loop does not end by itself.
+struct Watchdog {
+    explicit Watchdog(unsigned seconds = 20) { alarm(seconds); }
+    ~Watchdog() { alarm(0); }
+};
+
+inline std::string UTF8(CFStringRef string) {
+    if (string == nullptr)
+        return "<null>";
+    std::string buffer(static_cast<size_t>(CFStringGetLength(string)) * 4 + 1, '\0');
+    if (!CFStringGetCString(string, buffer.data(), static_cast<CFIndex>(buffer.size()),
+                            kCFStringEncodingUTF8))
+        return "<unencodable>";
+    return buffer.c_str();
+}
+
+// The file-system path of a URL, which is released.
+inline std::string TakePath(CFURLRef url) {
+    if (url == nullptr)
+        return "<null>";
+    UInt8 buffer[4096] = {};
+    bool ok = CFURLGetFileSystemRepresentation(url, true, buffer, sizeof buffer);
+    CFRelease(url);
+    return ok ? reinterpret_cast<char*>(buffer) : "<too long>";
+}
+
+using HandlerFn = std::function<OSStatus(EventHandlerCallRef, EventRef)>;
+inline const EventTypeSpec kHit = {kEventClassControl, kEventControlHit};
+inline const EventTypeSpec kClose = {kEventClassWindow, kEventWindowClose};
+inline const EventTypeSpec kCommand = {kEventClassCommand, kEventCommandProcess};
+
+// A command event as the launcher sends it: an HICommand with only the command ID set.
+inline EventRef NewCommandEvent(UInt32 commandID) {
+    EventRef event = nullptr;
+    CreateEvent(nullptr, kEventClassCommand, kEventCommandProcess, GetCurrentEventTime(),
+                kEventAttributeUserEvent, &event);
+    HICommand command = {};
+    command.commandID = commandID;
+    SetEventParameter(event, kEventParamDirectObject, typeHICommand, sizeof command, &command);
+    return event;
+}
+
+inline UInt32 CommandOf(EventRef event) {
+    HICommand command = {};
+    GetEventParameter(event, kEventParamDirectObject, typeHICommand, nullptr, sizeof command, nullptr,
+                      &command);
+    return command.commandID;
+}
+
+// Sends a command to the application target from the calling thread.
+inline OSStatus SendCommand(UInt32 commandID) {
+    EventRef event = NewCommandEvent(commandID);
+    OSStatus status = SendEventToEventTarget(event, GetApplicationEventTarget());
+    ReleaseEvent(event);
+    return status;
+}
+
+inline bool OnMainThread() {
+    return gettid() == getpid();
+}
+
+// The nib most window tests build from.
+inline const char kTestNib[] = R"(<nib>
+  <window name="Box" title="Question" width="400" height="150" closebox="true">
+    <statictext signature="MSG1" id="1" x="10" y="10" width="380" height="60">Install the new version?</statictext>
+    <pushbutton signature="NO11" id="1" x="200" y="110" width="80" height="28">No</pushbutton>
+    <pushbutton signature="YES1" id="1" x="300" y="110" width="80" height="28" default="true">Yes</pushbutton>
+  </window>
+  <window name="Other" title="Second" width="300" height="100" closebox="true">
+    <pushbutton signature="OK  " id="7" x="10" y="10" width="80" height="28">OK</pushbutton>
+  </window>
+  <window name="Progress" title="Copying" width="300" height="100">
+    <imageview signature="copy" id="1" x="10" y="10" width="64" height="64" picture="Installer.png"/>
+    <statictext signature="TXT1" id="1" x="80" y="10" width="200" height="20">Copying files</statictext>
+    <progressindicator signature="prog" id="1" x="80" y="40" width="200" height="16" indeterminate="true"/>
+  </window>
+</nib>
+)";
+
+// The scripted backend, a bundle holding kTestNib and the real picture, and cleanup
+// of the windows and handlers a test made.
+class UiTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        bundle_.Put("main.nib", kTestNib);
+        std::filesystem::copy_file(KESTRUN_SOURCE_DIR "/resources/Installer.png",
+                                   bundle_.Resources() + "/Installer.png");
+        PlatSetBackend("scripted");
+        PlatScriptReset();
+        ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
+    }
+    void TearDown() override {
+        for (EventHandlerRef h : handlers_)
+            RemoveEventHandler(h);
+        for (WindowRef w : windows_)
+            DisposeWindow(w);
+        PlatDrainEvents();
+        DisposeNibReference(nib_);
+        PlatScriptReset();
+    }
+
+    WindowRef NewWindow(const char* name) {
+        WindowRef window = nullptr;
+        CFStringRef cfName = CFStringCreateWithCString(nullptr, name, kCFStringEncodingUTF8);
+        EXPECT_EQ(CreateWindowFromNib(nib_, cfName, &window), noErr) << name;
+        CFRelease(cfName);
+        windows_.push_back(window);
+        return window;
+    }
+
+    ControlRef Control(WindowRef window, OSType signature, SInt32 id) {
+        ControlID cid = {signature, id};
+        ControlRef control = nullptr;
+        EXPECT_EQ(GetControlByID(window, &cid, &control), noErr);
+        return control;
+    }
+
+    // Installs fn for one event type; removed again at the end of the test.
+    EventHandlerRef Install(EventTargetRef target, EventTypeSpec type, HandlerFn fn) {
+        functions_.push_back(std::move(fn));
+        EventHandlerRef ref = nullptr;
+        auto trampoline = [](EventHandlerCallRef call, EventRef event, void* fn) {
+            return (*static_cast<HandlerFn*>(fn))(call, event);
+        };
+        EXPECT_EQ(InstallEventHandler(target, trampoline, 1, &type, &functions_.back(), &ref), noErr);
+        handlers_.push_back(ref);
+        return ref;
+    }
+
+    Watchdog watchdog_;
+    TempBundle bundle_;
+    IBNibRef nib_ = nullptr;
+    std::vector<WindowRef> windows_;
+    std::vector<EventHandlerRef> handlers_;
+    std::list<HandlerFn> functions_;
+};
+
+} // namespace ptest
