@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <list>
 #include <string>
 #include <vector>
@@ -39,7 +40,6 @@ class TempBundle {
         std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
     }
     std::string Resources() const { return path_ + "/Contents/Resources"; }
-    const std::string& Path() const { return path_; }
     const std::string& Root() const { return root_; }
 
   private:
@@ -60,6 +60,16 @@ inline std::string UTF8(CFStringRef string) {
                             kCFStringEncodingUTF8))
         return "<unencodable>";
     return buffer.c_str();
+}
+
+// A CFString of UTF-8 text, null for null; and the release of those that are not null.
+inline CFStringRef Str(const char* text) {
+    return text ? CFStringCreateWithCString(nullptr, text, kCFStringEncodingUTF8) : nullptr;
+}
+inline void Release(std::initializer_list<CFTypeRef> objects) {
+    for (CFTypeRef object : objects)
+        if (object)
+            CFRelease(object);
 }
 
 // The file-system path of a URL, which is released.
@@ -149,7 +159,7 @@ class UiTest : public ::testing::Test {
 
     WindowRef NewWindow(const char* name) {
         WindowRef window = nullptr;
-        CFStringRef cfName = CFStringCreateWithCString(nullptr, name, kCFStringEncodingUTF8);
+        CFStringRef cfName = Str(name);
         EXPECT_EQ(CreateWindowFromNib(nib_, cfName, &window), noErr) << name;
         CFRelease(cfName);
         windows_.push_back(window);
