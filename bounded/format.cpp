@@ -996,7 +996,7 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
             continue;
         }
 
-        /* At this point the specification from conversionStart to format is parsed:
+        /* At this point the conversion from conversionStart to format is parsed:
          *   conv.flags      the flag characters and length modifiers seen;
          *   conv.width      0 when not given; never negative unless "*" gave INT_MIN;
          *   conv.precision  -1 when not given;
