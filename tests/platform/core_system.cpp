@@ -1,20 +1,14 @@
 // Semaphores, the process queries against /proc, the kernel release, and PNG pictures.
 #include "support.h"
 
-#include "PlatBackend.h"
 #include "PlatProc.h"
 
 #include <sys/sysctl.h>
 
 #include <cerrno>
-#include <chrono>
-#include <csignal>
 #include <cstddef>
-#include <cstring>
 #include <png.h>
 #include <spawn.h>
-#include <sys/wait.h>
-#include <thread>
 
 extern char** environ;
 
@@ -29,7 +23,7 @@ long MillisecondsOfWait(MPSemaphoreID semaphore, Duration duration, OSStatus exp
     return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
 }
 
-TEST(MPSemaphore, CountsAndMaximum) {
+TEST(MPSemaphore, CountsTimeOutsAndIdentifiers) {
     MPSemaphoreID semaphore = nullptr;
     ASSERT_EQ(MPCreateSemaphore(2, 1, &semaphore), noErr);
     EXPECT_EQ(MPSignalSemaphore(semaphore), noErr);
@@ -50,36 +44,28 @@ TEST(MPSemaphore, CountsAndMaximum) {
         EXPECT_EQ(MPWaitOnSemaphore(id, kDurationForever), kMPInvalidIDErr);
         EXPECT_EQ(MPDeleteSemaphore(id), kMPInvalidIDErr);
     }
-}
 
-TEST(MPSemaphore, TimeOutsAndWakeUps) {
+    // Time-outs, and signals from another thread that end a wait early.
     Watchdog watchdog;
-    MPSemaphoreID semaphore = nullptr;
     ASSERT_EQ(MPCreateSemaphore(0x7FFFFFFF, 0, &semaphore), noErr);
     EXPECT_GE(MillisecondsOfWait(semaphore, 100 * kDurationMillisecond, kMPTimeoutErr), 95);
     // Negative durations are microseconds: 50 ms, not 50 s.
     long elapsed = MillisecondsOfWait(semaphore, 50000 * kDurationMicrosecond, kMPTimeoutErr);
     EXPECT_GE(elapsed, 45);
     EXPECT_LT(elapsed, 10000);
-    // A signal from another thread ends a long or endless wait early.
     for (Duration duration : {Duration(60000 * kDurationMillisecond), Duration(kDurationForever)}) {
-        std::thread signaller([semaphore] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            MPSignalSemaphore(semaphore);
-        });
+        std::thread signaller = After(50, [semaphore] { MPSignalSemaphore(semaphore); });
         EXPECT_LT(MillisecondsOfWait(semaphore, duration, noErr), 30000);
         signaller.join();
     }
     EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
 }
 
-TEST(Layouts, ProcessInfoRecHasTheMacLayout) {
-    EXPECT_EQ(sizeof(ProcessInfoRec), 72u);
-    EXPECT_EQ(offsetof(ProcessInfoRec, processName), 4u);
-    EXPECT_EQ(offsetof(ProcessInfoRec, processNumber), 12u);
-    EXPECT_EQ(offsetof(ProcessInfoRec, processLauncher), 48u);
-    EXPECT_EQ(offsetof(ProcessInfoRec, processAppRef), 64u);
-}
+// ProcessInfoRec as the Mac lays it out in 64 bits.
+static_assert(sizeof(ProcessInfoRec) == 72 && offsetof(ProcessInfoRec, processName) == 4);
+static_assert(offsetof(ProcessInfoRec, processNumber) == 12 &&
+              offsetof(ProcessInfoRec, processLauncher) == 48);
+static_assert(offsetof(ProcessInfoRec, processAppRef) == 64);
 
 std::vector<struct kinfo_proc> ProcessTable() {
     int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
@@ -91,15 +77,14 @@ std::vector<struct kinfo_proc> ProcessTable() {
     return table;
 }
 
-// The Process Manager's name: the length-prefixed file name of the executable.
-OSErr ProcessName(ProcessSerialNumber psn, std::string& name) {
+// The Process Manager's name of a process: the length-prefixed file name of its executable.
+std::string ProcessName(ProcessSerialNumber psn) {
     Str255 text = {};
     ProcessInfoRec info = {};
     info.processInfoLength = sizeof info;
     info.processName = text;
     OSErr err = GetProcessInformation(&psn, &info);
-    name.assign(reinterpret_cast<const char*>(text) + 1, text[0]);
-    return err;
+    return err ? "error " + std::to_string(err) : std::string(reinterpret_cast<char*>(text) + 1, text[0]);
 }
 
 // A copy of sleep started under a name of its own shows in both process tables.
@@ -107,7 +92,6 @@ TEST(ProcessQueries, ChildShowsUnderItsName) {
     TempBundle folder;
     std::string path = folder.Root() + "/KestrunWalker";
     std::filesystem::copy_file("/bin/sleep", path);
-    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
     char* argv[] = {const_cast<char*>("KestrunWalker"), const_cast<char*>("60"), nullptr};
     pid_t pid = 0;
     ASSERT_EQ(posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv, environ), 0);
@@ -126,8 +110,8 @@ TEST(ProcessQueries, ChildShowsUnderItsName) {
     ProcessSerialNumber psn = {0, kNoProcess};
     OSErr err;
     while ((err = GetNextProcess(&psn)) == noErr) {
-        if (psn.lowLongOfPSN == static_cast<UInt32>(pid) && ProcessName(psn, name) == noErr)
-            walked = name;
+        if (psn.lowLongOfPSN == static_cast<UInt32>(pid))
+            walked = ProcessName(psn);
     }
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
@@ -135,7 +119,7 @@ TEST(ProcessQueries, ChildShowsUnderItsName) {
     EXPECT_EQ(parent, getpid());
     EXPECT_EQ(walked, "KestrunWalker");
     EXPECT_EQ(err, procNotFound);
-    EXPECT_EQ(ProcessName({0, static_cast<UInt32>(pid)}, name), procNotFound) << "once it has ended";
+    EXPECT_EQ(ProcessName({0, static_cast<UInt32>(pid)}), "error -600") << "procNotFound once it has ended";
 }
 
 std::string OSRelease() {
@@ -199,11 +183,7 @@ TEST(PNGImage, PicturesDecodeOtherFilesDoNot) {
     // Three by two, every pixel different, with partial transparency, written by libpng.
     std::vector<unsigned char> pixels = {255, 0,  0,  255, 0,   255, 0,  128, 0, 0, 255, 0,
                                          10,  20, 30, 40,  200, 100, 50, 255, 1, 2, 3,   4};
-    png_image image = {};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = 3;
-    image.height = 2;
-    image.format = PNG_FORMAT_RGBA;
+    png_image image = {nullptr, PNG_IMAGE_VERSION, 3, 2, PNG_FORMAT_RGBA, 0, 0, 0, {}};
     std::string png(1024, '\0');
     png_alloc_size_t size = png.size();
     ASSERT_TRUE(png_image_write_to_memory(&image, png.data(), &size, 0, pixels.data(), 0, nullptr));

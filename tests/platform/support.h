@@ -3,17 +3,24 @@
 #pragma once
 
 #include <Carbon/Carbon.h>
+#include <PlatBackend.h>
 #include <PlatformTesting.h>
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
 #include <list>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace ptest {
@@ -53,13 +60,10 @@ struct Watchdog {
 };
 
 inline std::string UTF8(CFStringRef string) {
-    if (string == nullptr)
-        return "<null>";
-    std::string buffer(static_cast<size_t>(CFStringGetLength(string)) * 4 + 1, '\0');
-    if (!CFStringGetCString(string, buffer.data(), static_cast<CFIndex>(buffer.size()),
-                            kCFStringEncodingUTF8))
-        return "<unencodable>";
-    return buffer.c_str();
+    std::string buffer(string ? static_cast<size_t>(CFStringGetLength(string)) * 4 + 1 : 1, '\0');
+    bool ok =
+        string && CFStringGetCString(string, buffer.data(), CFIndex(buffer.size()), kCFStringEncodingUTF8);
+    return ok ? buffer.c_str() : "<null>";
 }
 
 // A CFString of UTF-8 text, null for null; and the release of those that are not null.
@@ -74,12 +78,10 @@ inline void Release(std::initializer_list<CFTypeRef> objects) {
 
 // The file-system path of a URL, which is released.
 inline std::string TakePath(CFURLRef url) {
-    if (url == nullptr)
-        return "<null>";
     UInt8 buffer[4096] = {};
-    bool ok = CFURLGetFileSystemRepresentation(url, true, buffer, sizeof buffer);
-    CFRelease(url);
-    return ok ? reinterpret_cast<char*>(buffer) : "<too long>";
+    bool ok = url && CFURLGetFileSystemRepresentation(url, true, buffer, sizeof buffer);
+    Release({url});
+    return ok ? reinterpret_cast<char*>(buffer) : "<null>";
 }
 
 using HandlerFn = std::function<OSStatus(EventHandlerCallRef, EventRef)>;
@@ -111,6 +113,14 @@ inline OSStatus SendCommand(UInt32 commandID) {
     OSStatus status = SendEventToEventTarget(event, GetApplicationEventTarget());
     ReleaseEvent(event);
     return status;
+}
+
+// Runs fn on a new thread after a pause, as a worker does.
+inline std::thread After(int milliseconds, std::function<void()> fn) {
+    return std::thread([milliseconds, fn] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        fn();
+    });
 }
 
 inline bool OnMainThread() {

@@ -2,9 +2,6 @@
 // worker thread ending a modal loop on the main thread.
 #include "support.h"
 
-#include <atomic>
-#include <thread>
-
 using namespace ptest;
 
 namespace {
@@ -26,11 +23,7 @@ TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
                 DisposeWindow(window);
                 return noErr;
             });
-        std::thread worker([beforeLoop] {
-            if (!beforeLoop)
-                std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            SendCommand('clos');
-        });
+        std::thread worker = After(beforeLoop ? 0 : 100, [] { SendCommand('clos'); });
         if (beforeLoop)
             worker.join();
         EXPECT_EQ(seen, "") << "ran before any loop";
@@ -85,10 +78,7 @@ TEST_F(LoopsTest, ApplicationQuitWaitsForTheHandlerAndItsModalLoop) {
         trace.push_back("yes");
         QuitApplicationEventLoop();
         DisposeWindow(box);
-        worker = std::thread([] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            SendCommand('clos');
-        });
+        worker = After(100, [] { SendCommand('clos'); });
         ShowWindow(progress);
         RunAppModalLoopForWindow(progress);
         trace.push_back("modal ended");
@@ -113,8 +103,7 @@ TEST_F(LoopsTest, QuitWithoutLoopIsKeptForTheNextLoop) {
     QuitApplicationEventLoop();
     RunApplicationEventLoop();
     std::atomic<bool> quitSent{false};
-    std::thread worker([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::thread worker = After(100, [&] {
         quitSent = true;
         QuitApplicationEventLoop();
     });

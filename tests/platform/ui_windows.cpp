@@ -1,19 +1,11 @@
-// Windows from nibs and the backends that show them: the scripted user, none, how the
-// backend is chosen, and the terminal driven through a pseudo-terminal.
+// Windows from nibs, and the backends for no display: none, and the terminal through a pseudo-terminal.
 #include "support.h"
-
-#include <PlatBackend.h>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
-#include <signal.h>
-#include <sys/wait.h>
 
-#include <chrono>
-#include <cstring>
 #include <set>
-#include <thread>
 
 using namespace ptest;
 
@@ -21,12 +13,13 @@ namespace {
 
 class WindowsTest : public UiTest {};
 
+// The window "W" from a nib of the given text, in a bundle of its own.
 OSStatus CreateFrom(const std::string& nibText, WindowRef* window) {
     TempBundle bundle;
-    bundle.Put("bad.nib", nibText);
+    bundle.Put("main.nib", nibText);
     IBNibRef nib = nullptr;
     *window = nullptr;
-    OSStatus status = CreateNibReference(CFSTR("bad"), &nib);
+    OSStatus status = CreateNibReference(CFSTR("main"), &nib);
     if (status == noErr) {
         status = CreateWindowFromNib(nib, CFSTR("W"), window);
         DisposeNibReference(nib);
@@ -37,31 +30,21 @@ OSStatus CreateFrom(const std::string& nibText, WindowRef* window) {
 TEST(Nibs, BadNibsGiveAnErrorAndNoWindow) {
     PlatSetBackend("scripted");
     const std::string w = R"(<nib><window name="W" width="10" height="10">)";
-    struct {
-        const char* what;
-        std::string nib;
-        OSStatus expected;
-    } cases[] = {
-        {"malformed XML", w + "</nib>", kIBCarbonRuntimeCantFindNibFile},
-        {"unknown window", R"(<nib><window name="V" width="10" height="10"/></nib>)",
-         kIBCarbonRuntimeCantFindObject},
-        {"duplicate ControlID",
-         w + R"(<pushbutton signature="YES1" id="1"/><statictext signature="YES1" id="1"/></window></nib>)",
-         kIBCarbonRuntimeObjectNotOfRequestedType},
-        {"unknown element", w + "<slider/></window></nib>", kIBCarbonRuntimeObjectNotOfRequestedType},
-        {"three-character signature", w + R"(<pushbutton signature="YES" id="1"/></window></nib>)",
-         kIBCarbonRuntimeObjectNotOfRequestedType},
-        {"window without size", R"(<nib><window name="W" width="10"/></nib>)",
-         kIBCarbonRuntimeObjectNotOfRequestedType},
-        {"good", w + R"(<pushbutton signature="YES1" id="1"/><statictext/><statictext/></window></nib>)",
-         noErr},
+    const std::string bad[] = {
+        w + "</nib>", // malformed XML
+        R"(<nib><window name="V" width="10" height="10"/></nib>)",
+        w + R"(<pushbutton signature="YES1" id="1"/><statictext signature="YES1" id="1"/></window></nib>)",
+        w + "<slider/></window></nib>",
+        w + R"(<pushbutton signature="YES" id="1"/></window></nib>)",
+        R"(<nib><window name="W" width="10"/></nib>)",
     };
-    for (const auto& c : cases) {
-        WindowRef window = nullptr;
-        EXPECT_EQ(CreateFrom(c.nib, &window), c.expected) << c.what;
-        EXPECT_EQ(IsValidWindowPtr(window), c.expected == noErr) << c.what;
-        DisposeWindow(window);
+    WindowRef window = nullptr;
+    for (const std::string& nib : bad) {
+        EXPECT_NE(CreateFrom(nib, &window), noErr) << nib;
+        EXPECT_EQ(window, nullptr) << nib;
     }
+    EXPECT_EQ(CreateFrom(w + "<statictext/><statictext/></window></nib>", &window), noErr);
+    DisposeWindow(window);
     TempBundle empty;
     IBNibRef nib = nullptr;
     EXPECT_EQ(CreateNibReference(CFSTR("main"), &nib), kIBCarbonRuntimeCantFindNibFile);
@@ -85,7 +68,7 @@ TEST_F(WindowsTest, WindowsAreBuiltAsDescribed) {
     EXPECT_EQ(GetControlByID(window, &elsewhere, &control), errUnknownControl);
 
     ControlRef text = Control(window, 'MSG1', 1);
-    CFStringRef string = CFStringCreateWithCString(nullptr, "\xE2\x82\xAC 5", kCFStringEncodingUTF8);
+    CFStringRef string = Str("\xE2\x82\xAC 5");
     EXPECT_EQ(
         SetControlData(text, kControlEditTextPart, kControlStaticTextCFStringTag, sizeof string, &string),
         noErr);
@@ -110,36 +93,27 @@ void BecomeChild() {
     unsetenv("DISPLAY");
     unsetenv("WAYLAND_DISPLAY");
     PlatSetBackend(nullptr);
-}
-
-// Runs fn in a child with standard input from /dev/null; its exit code.
-int InChild(const std::function<bool()>& fn) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        BecomeChild();
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        _exit(fn() ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    setvbuf(stdout, nullptr, _IONBF, 0);
 }
 
 // Neither a display that works nor a terminal: no window can be made, so nobody waits
 // for an answer that cannot come.
 TEST_F(WindowsTest, NoneBackendWithoutDisplayOrTerminal) {
-    IBNibRef nib = nib_;
-    auto refused = [nib] {
-        WindowRef window = nullptr;
-        return CreateWindowFromNib(nib, CFSTR("Box"), &window) != noErr && window == nullptr &&
-               strcmp(PlatGetBackendName(), "none") == 0;
-    };
-    EXPECT_EQ(InChild(refused), 0);
-    EXPECT_EQ(InChild([&] {
-                  setenv("DISPLAY", ":4242", 1); // no server there
-                  return refused();
-              }),
-              0);
+    for (const char* display : {static_cast<const char*>(nullptr), ":4242"}) { // ":4242": no server there
+        pid_t pid = fork();
+        if (pid == 0) {
+            BecomeChild();
+            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+            if (display)
+                setenv("DISPLAY", display, 1);
+            WindowRef window = nullptr;
+            bool refused = CreateWindowFromNib(nib_, CFSTR("Box"), &window) != noErr && window == nullptr;
+            _exit(refused && strcmp(PlatGetBackendName(), "none") == 0 ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << (display ? display : "no display");
+    }
 }
 
 // The parent's side of a child running fn on a pseudo-terminal.
@@ -150,9 +124,7 @@ class Pty {
         pid_ = forkpty(&master_, nullptr, nullptr, &size);
         if (pid_ == 0) {
             BecomeChild();
-            int code = fn();
-            fflush(stdout);
-            _exit(code);
+            _exit(fn());
         }
     }
     ~Pty() {
@@ -163,22 +135,19 @@ class Pty {
         }
     }
     // Reads until the output holds text, after what earlier calls consumed.
-    bool Expect(const std::string& text) {
-        for (;;) {
-            size_t at = output_.find(text, consumed_);
-            if (at != std::string::npos) {
-                consumed_ = at + text.size();
-                return true;
-            }
+    void Expect(const std::string& text) {
+        size_t at;
+        while ((at = output_.find(text, consumed_)) == std::string::npos) {
             struct pollfd p = {master_, POLLIN, 0};
             char buffer[4096];
             ssize_t n = poll(&p, 1, 5000) > 0 ? read(master_, buffer, sizeof buffer) : 0;
             if (n <= 0) {
                 ADD_FAILURE() << "expected \"" << text << "\" in:\n" << output_.substr(consumed_);
-                return false;
+                return;
             }
             output_.append(buffer, static_cast<size_t>(n));
         }
+        consumed_ = at + text.size();
     }
     void Send(const std::string& text) {
         EXPECT_EQ(write(master_, text.data(), text.size()), ssize_t(text.size()));
@@ -192,37 +161,26 @@ class Pty {
     size_t consumed_ = 0;
 };
 
-OSStatus QuitModal(EventHandlerCallRef, EventRef, void* window) {
-    QuitAppModalLoopForWindow(static_cast<WindowRef>(window));
-    return noErr;
-}
-
-OSStatus PrintAnswer(EventHandlerCallRef, EventRef event, void* yes) {
-    ControlRef control = nullptr;
-    GetEventParameter(event, kEventParamDirectObject, typeControlRef, nullptr, sizeof control, nullptr,
-                      &control);
-    bool close = GetEventClass(event) == kEventClassWindow;
-    fputs(close ? "CLOSED\n" : control == yes ? "HIT Yes\n" : "HIT not Yes\n", stdout);
-    fflush(stdout);
-    QuitApplicationEventLoop();
-    return noErr;
-}
-
 // The window drawn as text; a typed caption (any case) or first letter presses its
 // button, anything else asks again; end of input is the close box; a progress
 // indicator is a line that moves while its window is up.
 TEST_F(WindowsTest, TerminalDrawsWindowsAndTakesTypedAnswers) {
-    IBNibRef nib = nib_;
-    Pty pty([nib] {
-        WindowRef box = nullptr, other = nullptr, progress = nullptr;
-        CreateWindowFromNib(nib, CFSTR("Box"), &box);
-        CreateWindowFromNib(nib, CFSTR("Other"), &other);
-        CreateWindowFromNib(nib, CFSTR("Progress"), &progress);
-        const EventTypeSpec types[] = {kHit, kClose};
-        ControlID yesID = {'YES1', 1};
-        ControlRef yes = nullptr;
-        GetControlByID(box, &yesID, &yes);
-        InstallEventHandler(GetApplicationEventTarget(), PrintAnswer, 2, types, yes, nullptr);
+    Pty pty([this] {
+        WindowRef box = NewWindow("Box"), other = NewWindow("Other"), progress = NewWindow("Progress");
+        ControlRef yes = Control(box, 'YES1', 1);
+        auto report = [yes](EventHandlerCallRef, EventRef event) {
+            ControlRef hit = nullptr;
+            GetEventParameter(event, kEventParamDirectObject, typeControlRef, nullptr, sizeof hit, nullptr,
+                              &hit);
+            bool close = GetEventClass(event) == kEventClassWindow;
+            printf("%s\n", close ? "CLOSED" : hit == yes ? "HIT Yes" : "HIT not Yes");
+            QuitApplicationEventLoop();
+            return noErr;
+        };
+        Install(GetApplicationEventTarget(), kHit, report);
+        Install(GetApplicationEventTarget(), kClose, report);
+        Install(GetApplicationEventTarget(), kCommand,
+                [progress](EventHandlerCallRef, EventRef) { return QuitAppModalLoopForWindow(progress); });
         ShowWindow(box);
         RunApplicationEventLoop();
         RunApplicationEventLoop();
@@ -231,11 +189,7 @@ TEST_F(WindowsTest, TerminalDrawsWindowsAndTakesTypedAnswers) {
         RunApplicationEventLoop();
         DisposeWindow(other);
         ShowWindow(progress);
-        InstallEventHandler(GetApplicationEventTarget(), QuitModal, 1, &kCommand, progress, nullptr);
-        std::thread worker([] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(700));
-            SendCommand('clos');
-        });
+        std::thread worker = After(700, [] { SendCommand('clos'); });
         OSStatus status = RunAppModalLoopForWindow(progress);
         worker.join();
         printf("DONE %d with %s\n", static_cast<int>(status), PlatGetBackendName());
