@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cerrno>
 #include <dirent.h>
+#include <fcntl.h>
 #include <mutex>
 #include <unistd.h>
 
@@ -44,16 +46,26 @@ std::vector<pid_t> PlatProcListPids() {
     return pids;
 }
 
-/* Up to size - 1 bytes of a small file, terminated. -1 when it cannot be read. */
+/* Up to size - 1 bytes of a small file, terminated. -1 when it cannot be read.
+ * Plain reads: /proc files are read once each, and a walk reads many of them. */
 static ssize_t ReadSmallFile(const std::string& path, char* buffer, size_t size) {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr)
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
         return -1;
-    size_t count = fread(buffer, 1, size - 1, file);
-    bool failed = ferror(file);
-    fclose(file);
-    if (failed)
-        return -1;
+    size_t count = 0;
+    while (count < size - 1) {
+        ssize_t got = read(fd, buffer + count, size - 1 - count);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            close(fd);
+            return -1;
+        }
+        if (got == 0)
+            break;
+        count += static_cast<size_t>(got);
+    }
+    close(fd);
     buffer[count] = '\0';
     return static_cast<ssize_t>(count);
 }
@@ -124,7 +136,10 @@ bool PlatProcExecutableName(pid_t pid, std::string& name) {
         name = BaseName(path);
         return !name.empty();
     }
-    /* Kernel threads have neither an executable nor arguments. */
+    /* No link at all: a kernel thread or a process that has ended. Only a link we may
+     * not read (another user's process) leaves the first argument to go by. */
+    if (errno == ENOENT)
+        return false;
     char arguments[4096];
     ssize_t count = ReadSmallFile(ProcPath(pid, "cmdline"), arguments, sizeof arguments);
     if (count <= 0 || arguments[0] == '\0')

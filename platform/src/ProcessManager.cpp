@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <string>
 #include <unistd.h>
 
 /* High word of every serial number made from a pid, so that none of them can be
@@ -16,6 +17,17 @@ static constexpr UInt32 kPidSerialHigh = 1;
 static void SetSerial(ProcessSerialNumber* serial, pid_t pid) {
     serial->highLongOfPSN = kPidSerialHigh;
     serial->lowLongOfPSN = static_cast<UInt32>(pid);
+}
+
+/* The process a walk has just stepped to, and its name: the information asked for it
+ * next needs no second look at its executable. */
+struct LastStep {
+    pid_t pid = 0;
+    std::string name;
+};
+static LastStep& LastStepOfThisThread() {
+    static thread_local LastStep last;
+    return last;
 }
 
 OSErr GetCurrentProcess(ProcessSerialNumber* PSN) {
@@ -38,6 +50,7 @@ OSErr GetNextProcess(ProcessSerialNumber* PSN) {
     /* One listing of /proc per walk: a walk from kNoProcess takes a fresh snapshot and
      * each later step goes on in it, instead of listing every process at every step. */
     static thread_local std::vector<pid_t> snapshot;
+    LastStep& last = LastStepOfThisThread();
     if (after == 0 || !std::binary_search(snapshot.begin(), snapshot.end(), after))
         snapshot = PlatProcListPids();
     std::string name;
@@ -45,9 +58,12 @@ OSErr GetNextProcess(ProcessSerialNumber* PSN) {
          ++next) {
         if (PlatProcExecutableName(*next, name)) {
             SetSerial(PSN, *next);
+            last.pid = *next;
+            last.name = name;
             return noErr;
         }
     }
+    last.pid = 0;
     PSN->highLongOfPSN = 0;
     PSN->lowLongOfPSN = kNoProcess;
     return procNotFound;
@@ -66,7 +82,13 @@ OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info
 
     std::string name;
     PlatProcStat stat;
-    if (!PlatProcExecutableName(pid, name) || !PlatProcReadStat(pid, stat))
+    const LastStep& last = LastStepOfThisThread();
+    bool named = true;
+    if (pid == last.pid)
+        name = last.name;
+    else
+        named = PlatProcExecutableName(pid, name);
+    if (!named || !PlatProcReadStat(pid, stat))
         return procNotFound;
 
     if (info->processName != nullptr) {
