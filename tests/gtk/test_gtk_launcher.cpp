@@ -352,6 +352,9 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
             return std::memcmp(p, &shot.rgba[p - later.rgba.data()], 3) != 0;
         });
     EXPECT_GT(barChanged, 0) << "the indeterminate progress bar stood still";
+    PressCloseBox(progress);
+    Sleep(300);
+    EXPECT_NE(FindWindow(kProgressTitle), 0u) << "the progress window has no close box";
     EXPECT_FALSE(LogHas({"copy mpkg to local end ...."}));
     WriteFile(root + "/release-copy", "");
     EXPECT_TRUE(WaitForNoWindow(kProgressTitle)) << "\"clos\" must close the progress window";
