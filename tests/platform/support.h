@@ -1,5 +1,4 @@
-// Shared by the platform tests: a temporary bundle taken as the main bundle, a
-// watchdog against loops that never end, and handlers written as lambdas.
+// Shared by the platform tests: a temporary main bundle, a watchdog, handlers as lambdas.
 #pragma once
 
 #include <Carbon/Carbon.h>
@@ -47,7 +46,6 @@ class TempBundle {
         std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
     }
     std::string Resources() const { return path_ + "/Contents/Resources"; }
-    const std::string& Root() const { return root_; }
 
   private:
     std::string root_, path_;
@@ -100,13 +98,6 @@ inline EventRef NewCommandEvent(UInt32 commandID) {
     return event;
 }
 
-inline UInt32 CommandOf(EventRef event) {
-    HICommand command = {};
-    GetEventParameter(event, kEventParamDirectObject, typeHICommand, nullptr, sizeof command, nullptr,
-                      &command);
-    return command.commandID;
-}
-
 // Sends a command to the application target from the calling thread.
 inline OSStatus SendCommand(UInt32 commandID) {
     EventRef event = NewCommandEvent(commandID);
@@ -123,10 +114,6 @@ inline std::thread After(int milliseconds, std::function<void()> fn) {
     });
 }
 
-inline bool OnMainThread() {
-    return gettid() == getpid();
-}
-
 // The nib most window tests build from.
 inline const char kTestNib[] = R"(<nib>
   <window name="Box" title="Question" width="400" height="150" closebox="true">
@@ -134,9 +121,7 @@ inline const char kTestNib[] = R"(<nib>
     <pushbutton signature="NO11" id="1" x="200" y="110" width="80" height="28">No</pushbutton>
     <pushbutton signature="YES1" id="1" x="300" y="110" width="80" height="28" default="true">Yes</pushbutton>
   </window>
-  <window name="Other" title="Second" width="300" height="100" closebox="true">
-    <pushbutton signature="OK  " id="7" x="10" y="10" width="80" height="28">OK</pushbutton>
-  </window>
+  <window name="Other" title="Second" width="300" height="100" closebox="true"><pushbutton signature="OK  " id="7">OK</pushbutton></window>
   <window name="Progress" title="Copying" width="300" height="100">
     <imageview signature="copy" id="1" x="10" y="10" width="64" height="64" picture="Installer.png"/>
     <statictext signature="TXT1" id="1" x="80" y="10" width="200" height="20">Copying files</statictext>
@@ -154,7 +139,6 @@ class UiTest : public ::testing::Test {
         std::filesystem::copy_file(KESTRUN_SOURCE_DIR "/resources/Installer.png",
                                    bundle_.Resources() + "/Installer.png");
         PlatSetBackend("scripted");
-        PlatScriptReset();
         ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
     }
     void TearDown() override {

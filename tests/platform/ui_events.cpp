@@ -1,5 +1,4 @@
-// The Event Manager: dispatch order and propagation, handler removal, windows disposed
-// of while their event travels, and event parameters.
+// The Event Manager: dispatch order and propagation, handler removal, event parameters.
 #include "support.h"
 
 using namespace ptest;
@@ -48,28 +47,23 @@ TEST_F(EventsTest, HandlersRunNewestFirstAndUnhandledEventsTravelUp) {
     EXPECT_EQ(order_, "BACBADD");
 }
 
-// A close event nobody takes disposes of the window; one a handler takes does not.
-TEST_F(EventsTest, UnhandledCloseDisposesOfTheWindow) {
-    WindowRef kept = NewWindow("Box");
-    WindowRef closed = NewWindow("Other");
+// A close event nobody takes disposes of the window; one a handler takes does not. A handler
+// may, as the message box's does, remove itself and dispose of the window whose control was
+// hit: the event goes on to the application, and no later one reaches the window.
+TEST_F(EventsTest, WindowsGoWithUnhandledClosesAndWithinHandlers) {
+    WindowRef kept = NewWindow("Other"), closed = NewWindow("Progress"), window = NewWindow("Box");
     Install(GetWindowEventTarget(kept), kClose, Step('k', noErr));
     Install(GetWindowEventTarget(closed), kClose, Step('c', eventNotHandledErr));
     for (WindowRef w : {kept, closed})
         EXPECT_EQ(Send(kClose, typeWindowRef, w, GetWindowEventTarget(w)), noErr);
-    EXPECT_EQ(order_, "kc");
     EXPECT_TRUE(IsValidWindowPtr(kept));
     EXPECT_FALSE(IsValidWindowPtr(closed));
-}
 
-// As the message box's handler does: it removes itself and disposes of the window whose
-// control was hit; the event goes on to the application, and no later one reaches it.
-TEST_F(EventsTest, HandlerMayRemoveItselfAndDisposeOfItsWindow) {
-    WindowRef window = NewWindow("Box");
     ControlRef yes = Control(window, 'YES1', 1);
     EventTargetRef controlTarget = GetControlEventTarget(yes);
     EventHandlerRef self = nullptr;
     self = Install(controlTarget, kHit, [&](EventHandlerCallRef, EventRef) {
-        order_ += 'c';
+        order_ += 'h';
         EXPECT_EQ(RemoveEventHandler(self), noErr);
         DisposeWindow(window);
         return eventNotHandledErr;
@@ -79,7 +73,7 @@ TEST_F(EventsTest, HandlerMayRemoveItselfAndDisposeOfItsWindow) {
     EXPECT_EQ(Send(kHit, typeControlRef, yes, controlTarget), noErr);
     EXPECT_FALSE(IsValidWindowPtr(window));
     EXPECT_NE(Send(kHit, typeControlRef, yes, controlTarget), noErr) << "the control went with its window";
-    EXPECT_EQ(order_, "ca");
+    EXPECT_EQ(order_, "kcha");
 }
 
 // A wrong type, too small a buffer or an absent parameter: an error, and nothing written.

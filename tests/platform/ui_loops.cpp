@@ -1,5 +1,4 @@
-// The application and modal loops: what ends them, how they nest, and events from a
-// worker thread ending a modal loop on the main thread.
+// The application and modal loops: what ends them, how they nest, what a worker's event does.
 #include "support.h"
 
 using namespace ptest;
@@ -18,7 +17,7 @@ TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
         std::string seen;
         EventHandlerRef handler =
             Install(GetApplicationEventTarget(), kCommand, [&](EventHandlerCallRef, EventRef) {
-                seen += OnMainThread() ? "main" : "worker";
+                seen += gettid() == getpid() ? "main" : "worker";
                 QuitAppModalLoopForWindow(window);
                 DisposeWindow(window);
                 return noErr;
@@ -46,7 +45,9 @@ TEST_F(LoopsTest, NestedModalLoopsEndInnermostFirst) {
     WindowRef inner = NewWindow("Other");
     std::string trace; // "[" and "]": the inner loop runs; "o", "i": the quits of outer and inner
     Install(GetApplicationEventTarget(), kCommand, [&](EventHandlerCallRef, EventRef e) {
-        UInt32 command = CommandOf(e);
+        HICommand hi = {};
+        GetEventParameter(e, kEventParamDirectObject, typeHICommand, nullptr, sizeof hi, nullptr, &hi);
+        UInt32 command = hi.commandID;
         trace += command == 'open' ? '[' : command == 'qout' ? 'o' : 'i';
         if (command == 'open') {
             EXPECT_EQ(RunAppModalLoopForWindow(inner), noErr);
