@@ -1,0 +1,367 @@
+/* The launcher core in-process: version records, the decision on them, the bundle location
+ * and launch, the process and system queries, and the completion event. */
+#include "support.h"
+
+#include <memory>
+
+using namespace launcher_test;
+
+namespace {
+
+VersionRecord V(int vr, int build, int debug, int sp, int customize, int major) {
+    return VersionRecord{vr, build, debug, sp, customize, major};
+}
+
+std::string Fields(const VersionRecord& r) {
+    std::ostringstream text;
+    text << r.VRVersion << "," << r.BuildVersion << "," << r.DebugVersion << "," << r.SPVersion << ","
+         << r.CustomizeVersion << "," << r.MajorVersion;
+    return text.str();
+}
+
+class Core : public InProcess {
+  protected:
+    void WritePkgConfig(const std::string& text) { WriteFile(bundle_ + kPkgConfig, text); }
+    std::string IniPathLine() const { return "GetPkgVersion --- inipath:" + bundle_ + kPkgConfig + "."; }
+};
+
+} // namespace
+
+TEST_F(Core, VersionValuesConvertLikeAtoi) {
+    WriteFile(dir_ / "values.dat", "[System]\nVRVersion=12abc\nBuildVersion=abc\nDebugVersion=\n"
+                                   "SPVersion=  7\nCustomizeVersion=-3\n[Other]\nMajorVersion=9\n");
+    ASSERT_TRUE(SetIniFileName((dir_ / "values.dat").c_str()));
+    VersionRecord record = V(1, 1, 1, 1, 1, 1);
+    // A key the section lacks reads as 0, and the record still counts as read.
+    EXPECT_TRUE(GetVersionCfg(&record));
+    EXPECT_EQ("12,0,0,7,-3,0", Fields(record));
+    EXPECT_FALSE(GetVersionCfg(NULL));
+    EXPECT_EQ("GetVersionCfg --- param error.", Calls(TakeLog(), "main").back());
+}
+
+// Only the word itself, in any case, turns the progress window on; a value keeps its blanks.
+TEST_F(Core, PackageSettings) {
+    const struct {
+        const char* lines;
+        bool show;
+    } cases[] = {
+        {"RUN_PROCESS_DLG=Yes\n", true},   {"RUN_PROCESS_DLG=YES\n", true},
+        {"RUN_PROCESS_DLG= yes\n", false}, {"RUN_PROCESS_DLG=yes please\n", false},
+        {"RUN_PROCESS_DLG=\n", false},     {"", false},
+    };
+    for (const auto& c : cases) {
+        isShowProcessWindow = !c.show;
+        WritePkgConfig(SysConfig(4, 120, 0, 2, 7, 3) + "[APP_PATH]\nVALUE= /Apps/V.app\n" + c.lines);
+        EXPECT_TRUE(GetPkgVersion());
+        EXPECT_EQ("4,120,0,2,7,3", Fields(pkgVersion));
+        EXPECT_EQ(c.show, isShowProcessWindow) << c.lines;
+        EXPECT_STREQ(" /Apps/V.app", szAppPath) << c.lines;
+        const char* decision = c.show ? "read RUN_PROCESS_DLG is yes, run process window"
+                                      : "read RUN_PROCESS_DLG is not yes,not run process window";
+        EXPECT_EQ(Lines({IniPathLine(), std::string("GetPkgVersion --- ") + decision}),
+                  Calls(TakeLog(), "main"))
+            << c.lines;
+    }
+}
+
+// Missing, empty, binary, sectionless or directory configurations give neutral settings.
+TEST_F(Core, UnusablePackageConfigurations) {
+    EXPECT_FALSE(GetPkgVersion());
+    EXPECT_EQ(Lines({IniPathLine(), "GetPkgVersion --- SetIniFileName inipath error."}),
+              Calls(TakeLog(), "main"));
+    szAppPath[0] = '\0';
+    EXPECT_FALSE(IsApplicationExists());
+    EXPECT_EQ(Lines({"IsApplicationExists --- pkgVersion info may be error.",
+                     "IsApplicationExists ---  not exist"}),
+              Calls(TakeLog()));
+
+    std::string binary("\x00\xff[System\x00]\r\x01VALUE=\x7f", 20);
+    binary += std::string(3000, 'x'); // one line far past the line buffer
+    for (const std::string& text : {std::string(), binary, std::string("VALUE=/V.app\nRUN_PROCESS_DLG=yes\n"),
+                                    std::string("directory")}) {
+        pkgVersion = V(1, 1, 1, 1, 1, 1);
+        strcpy(szAppPath, "stale");
+        isShowProcessWindow = true;
+        if (text == "directory") {
+            fs::remove(bundle_ + kPkgConfig);
+            fs::create_directories(bundle_ + kPkgConfig);
+        } else {
+            WritePkgConfig(text);
+        }
+        EXPECT_TRUE(GetPkgVersion());
+        EXPECT_EQ("0,0,0,0,0,0", Fields(pkgVersion));
+        EXPECT_STREQ("", szAppPath);
+        EXPECT_FALSE(isShowProcessWindow);
+    }
+}
+
+// DebugVersion, then MajorVersion, picks where the installed copy keeps its record.
+TEST_F(Core, InstalledLayoutChosenByThePackageRecord) {
+    std::string app = dir_ / "Applications/Vantorel.app";
+    strcpy(szAppPath, app.c_str());
+    WriteFile(app + "/Contents/Info.plist", "plist");
+    WriteFile(app + "/Contents/Resources/SysConfig.dat", SysConfig(1, 1, 1, 1, 1, 1));
+    WriteFile(app + "/SysConfig.dat", SysConfig(2, 2, 2, 2, 2, 2));
+    const struct {
+        VersionRecord package;
+        const char* installed;
+        Lines log;
+    } cases[] = {
+        {V(0, 0, 1, 0, 0, 5), "1,1,1,1,1,1", {}},
+        {V(0, 0, 0, 0, 0, 5), "2,2,2,2,2,2", {}},
+        // Both 0: the application folder itself, which opens and reads as zeros.
+        {V(3, 3, 0, 3, 3, 0), "0,0,0,0,0,0", {"IsApplicationExists --- pkgVersion info may be error."}},
+    };
+    for (const auto& c : cases) {
+        pkgVersion = c.package;
+        EXPECT_TRUE(IsApplicationExists()) << c.installed;
+        EXPECT_TRUE(GetInstalledVersion()) << c.installed;
+        EXPECT_EQ(c.installed, Fields(installedVersion));
+        EXPECT_EQ(c.log, Calls(TakeLog(), "main"));
+    }
+
+    pkgVersion = V(0, 0, 1, 0, 0, 0);
+    fs::remove(app + "/Contents/Info.plist");
+    EXPECT_FALSE(IsApplicationExists());
+    // An unreadable installed record leaves the record as it was.
+    fs::remove(app + "/Contents/Resources/SysConfig.dat");
+    installedVersion = V(9, 9, 9, 9, 9, 9);
+    EXPECT_FALSE(GetInstalledVersion());
+    EXPECT_EQ("9,9,9,9,9,9", Fields(installedVersion));
+    EXPECT_EQ(Lines({"IsApplicationExists --- " + app + "/Contents/Info.plist not exist",
+                     "GetInstalledVersion --- SetIniFileName szInstalledPath error."}),
+              Calls(TakeLog(), "main"));
+
+    // A path of 1023 characters leaves no room for the suffix, which is cut off.
+    std::string longPath = "/" + std::string(1099, 'p');
+    strncpy(szAppPath, longPath.c_str(), 1023);
+    pkgVersion = V(0, 0, 0, 0, 0, 5);
+    EXPECT_FALSE(IsApplicationExists());
+    EXPECT_EQ(Lines({"IsApplicationExists --- " + longPath.substr(0, 1023) + " not exist"}),
+              Calls(TakeLog()));
+
+    EXPECT_TRUE(IsFileExist(dir_.path.c_str()));
+    EXPECT_FALSE(IsFileExist(NULL));
+    EXPECT_EQ(Lines({"IsFileExist --- File: " + dir_.path + " exist", "IsFileExist --- param error"}),
+              Calls(TakeLog()));
+}
+
+// Table A with a package major version, table B without; the first differing field decides.
+TEST(ChooseDialog, Tables) {
+    const VersionRecord A = V(4, 100, 7, 2, 1, 3), B = V(4, 9, 3, 2, 1, 0);
+    const char* const kNew = "NEW_VERSION_CONFIRM";
+    const char* const kDifferent = "DIFFERENT_VERSION_CONFIRM";
+    const struct {
+        const char* rule;
+        VersionRecord installed, package;
+        DialogChoice dialog;
+        const char* key;
+    } cases[] = {
+        {"A1 customize differs", V(4, 100, 7, 2, 2, 3), A, kMessageBoxR7, kDifferent},
+        {"A1 before A2", V(1, 1, 1, 1, 0, 1), A, kMessageBoxR7, kDifferent},
+        {"A2 major below", V(9, 999, 7, 9, 1, 2), A, kMessageBoxR7, kNew},
+        {"A2 VR below", V(3, 999, 7, 9, 1, 3), A, kMessageBoxR7, kNew},
+        {"A2 build below", V(4, 99, 7, 9, 1, 3), A, kMessageBoxR7, kNew},
+        {"A2 SP below", V(4, 100, 7, 1, 1, 3), A, kMessageBoxR7, kNew},
+        {"A3 only the debug version differs", V(4, 100, 0, 2, 1, 3), A, kWarningBoxR7, nullptr},
+        {"A4 major above", V(0, 0, 0, 0, 1, 4), A, kMessageBoxR7, kDifferent},
+        {"A4 SP above", V(4, 100, 7, 3, 1, 3), A, kMessageBoxR7, kDifferent},
+        {"A unreadable installed record", V(0, 0, 0, 0, 0, 0), V(0, 0, 0, 0, 0, 2), kMessageBoxR7, kNew},
+        {"A -1 below 0", V(4, 100, 7, -1, 1, 3), V(4, 100, 7, 0, 1, 3), kMessageBoxR7, kNew},
+        {"A 0 above -1", V(4, 100, 7, 0, 1, 3), V(4, 100, 7, -1, 1, 3), kMessageBoxR7, kDifferent},
+        {"B1 customize differs", V(9, 9, 9, 9, 0, 0), B, kMessageBox, kDifferent},
+        {"B1 -1 differs from 1", V(4, 9, 3, 2, -1, 0), B, kMessageBox, kDifferent},
+        {"B2 VR below", V(3, 99, 99, 99, 1, 0), B, kMessageBox, kNew},
+        {"B2 build below", V(4, 8, 99, 99, 1, 0), B, kMessageBox, kNew},
+        {"B2 debug below", V(4, 9, 2, 99, 1, 0), B, kMessageBox, kNew},
+        {"B2 SP below, installed major ignored", V(4, 9, 3, 1, 1, 7), B, kMessageBox, kNew},
+        {"B2 -1 below 0", V(-1, 0, 0, 0, 0, 0), V(0, 0, 0, 0, 0, 0), kMessageBox, kNew},
+        {"B3 equal", B, B, kNoDialog, nullptr},
+        {"B3 first difference above", V(5, 1, 0, 0, 1, 0), B, kNoDialog, nullptr},
+        {"B3 SP above", V(4, 9, 3, 3, 1, 0), B, kNoDialog, nullptr},
+    };
+    for (const auto& c : cases) {
+        const char* key = "unset";
+        EXPECT_EQ(c.dialog, ChooseDialog(&c.installed, &c.package, &key)) << c.rule;
+        EXPECT_STREQ(c.key, key) << c.rule;
+    }
+}
+
+TEST(StrRStr, FindsTheLastOccurrenceOverlapsIncluded) {
+    const char* text = "aaaa";
+    const char* path = "/x/Contents/y/Contents/MacOS";
+    EXPECT_EQ(text + 2, strrstr(text, "aa"));
+    EXPECT_EQ(path + 13, strrstr(path, "/Contents"));
+    EXPECT_EQ(nullptr, strrstr(path, "/contents"));
+    EXPECT_EQ(nullptr, strrstr(text, ""));
+    EXPECT_EQ(nullptr, strrstr(NULL, "a"));
+    EXPECT_EQ(nullptr, strrstr(text, NULL));
+}
+
+// Malformed or cut-short escapes stay as they are; nothing past the text is read.
+TEST(URLToString, DecodesEscapes) {
+    const struct {
+        const char* source;
+        const char* decoded;
+    } cases[] = {
+        {"/Volumes/My%20Disc/", "/Volumes/My Disc/"},
+        {"%41%2F%7E%C3%A9", "A/~\xC3\xA9"},
+        {"a%2fb", "a%2fb"},
+        {"a%zz", "a%zz"},
+        {"end%", "end%"},
+        {"end%4", "end%4"},
+        {"%%41", "%A"},
+        {"", ""},
+    };
+    for (const auto& c : cases) {
+        // The source ends its heap block, so the address sanitizer sees a read past it.
+        size_t length = strlen(c.source);
+        std::unique_ptr<char[]> source(new char[length + 1]);
+        memcpy(source.get(), c.source, length + 1);
+        char destination[64];
+        memset(destination, 0, sizeof destination);
+        destination[length + 1] = '#';
+        EXPECT_TRUE(URLToString(source.get(), destination)) << c.source;
+        EXPECT_STREQ(c.decoded, destination) << c.source;
+        EXPECT_EQ('#', destination[length + 1]) << c.source;
+    }
+    char destination[4];
+    EXPECT_FALSE(URLToString(NULL, destination));
+    EXPECT_FALSE(URLToString("a", NULL));
+}
+
+// The bundle is the executable's path cut at the last "/Contents", at most 255 characters;
+// before 10.5 it is the decoded bundle URL, which knows no such limit.
+TEST_F(Core, ModulePath) {
+    std::string deep = "Contents";
+    while (deep.size() < 400) {
+        deep += "/deeper";
+    }
+    const std::string nested = UseBundle("Contents/Launcher.app"),
+                      escaped = UseBundle("My Disc/100% #1/L.app"), longest = UseBundle(deep + "/L.app"),
+                      exe = "/Contents/MacOS/Launcher";
+    const struct {
+        const char* release;
+        std::string executable;
+        int size;
+        std::string path;
+    } cases[] = {
+        {"10.8.0", nested + exe, 1024, nested},   {"10.8.0", nested + exe, 11, nested.substr(0, 10)},
+        {"10.8.0", dir_ / "Launcher", 1024, ""},  {"10.8.0", longest + exe, 1024, ""},
+        {"10.8.0", nested + exe, 0, ""},          {"10.8.0", nested + exe, -5, ""},
+        {"8.11.1", escaped + exe, 1024, escaped}, {"8.11.1", escaped + exe, 8, escaped.substr(0, 7)},
+        {"8.11.1", longest + exe, 1024, longest},
+    };
+    for (const auto& c : cases) {
+        PlatSetOSRelease(c.release);
+        PlatSetExecutablePath(c.executable.c_str());
+        char buffer[1024] = {};
+        EXPECT_EQ(!c.path.empty(), GetModulePath(buffer, c.size)) << c.executable << " " << c.size;
+        EXPECT_EQ(c.path, buffer);
+        EXPECT_EQ(std::string(sizeof buffer - c.path.size(), '\0'),
+                  std::string(buffer + c.path.size(), sizeof buffer - c.path.size()));
+    }
+    EXPECT_FALSE(GetModulePath(NULL, 1024));
+    EXPECT_EQ(Lines({"GetModulePath --- strrstr error.", "GetModulePath --- Get app path failed.",
+                     "GetModulePath --- param error", "GetModulePath --- param error",
+                     "GetModulePath --- param error"}),
+              Calls(TakeLog()));
+}
+
+TEST_F(Core, AutoRunApplicationOpensTheInstalledCopy) {
+    strcpy(szAppPath, "/Applications/Vantorel Client.app");
+    AutoRunApplication();
+    EXPECT_EQ(Lines({"open -a \"/Applications/Vantorel Client.app\""}), TakeCommands());
+    EXPECT_EQ(Lines({"AutoRunApplication --- AutoRunApplication end......"}), Calls(TakeLog()));
+}
+
+TEST(ProcessTable, HoldsRunningProcessesAndAssertsItsArguments) {
+    // Before any child exists: a death test's child would hold its pipe open.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    struct kinfo_proc dummy;
+    struct kinfo_proc* holder = &dummy;
+    size_t count = 0;
+    EXPECT_DEATH(GetProcessList(&holder, &count), "\\*procList == NULL");
+    EXPECT_DEATH(GetProcessList(NULL, &count), "procList != NULL");
+    holder = NULL;
+    EXPECT_DEATH(GetProcessList(&holder, NULL), "procCount != NULL");
+
+    TempDir dir;
+    NamedProcess child(dir.path, "AutoSetup");
+    ASSERT_EQ(0, GetProcessList(&holder, &count));
+    bool found = false;
+    for (size_t i = 0; i < count; i++) {
+        found |= holder[i].kp_proc.p_pid == child.pid && strcmp(holder[i].kp_proc.p_comm, "AutoSetup") == 0;
+    }
+    EXPECT_TRUE(found);
+    free(holder);
+}
+
+// Only the exact command name counts: not another case, not a longer name.
+TEST_F(Core, ProcessNamesMatchExactly) {
+    NamedProcess lower(dir_ / "lower", "autosetup"), longer(dir_ / "longer", "AutoSetupHelper");
+    EXPECT_FALSE(CheckProcessExists("AutoSetup"));
+    EXPECT_FALSE(IsProcessExists("AutoSetup"));
+    EXPECT_EQ(Lines(), Calls(TakeLog()));
+
+    NamedProcess exact(dir_ / "exact", "AutoSetup");
+    ForgetProcessTable();
+    EXPECT_TRUE(CheckProcessExists("AutoSetup"));
+    EXPECT_EQ(Lines({"CheckProcessExists --- AutoSetup", "CheckProcessExists --- -----------------"}),
+              Calls(TakeLog()));
+    EXPECT_TRUE(IsProcessExists("AutoSetup"));
+    EXPECT_TRUE(IsProcessExists("AutoSetupHelper"));
+    EXPECT_FALSE(IsProcessExists("AutoSetu"));
+    EXPECT_FALSE(IsProcessExists(NULL));
+
+    // Names of 34 bytes or more leave the Process Manager's compare buffer empty.
+    std::string longName(40, 'L');
+    NamedProcess longest(dir_ / "longest", longName);
+    EXPECT_FALSE(IsProcessExists(longName.c_str()));
+    EXPECT_FALSE(IsProcessExists(longName.substr(0, 33).c_str()));
+}
+
+// Releases with a major number below 9 are older than 10.5; a failed query is not.
+TEST_F(Core, OlderThan105) {
+    const struct {
+        const char* release;
+        bool older;
+        Lines log;
+    } cases[] = {
+        {"8.11.1", true, {}},
+        {"9.0.0", false, {}},
+        {"10.8.0", false, {}},
+        {"Darwin", true, {}}, // a first token that is no number reads as 0
+        {"", false, {"IsOldThanMacOS105 --- get kernelVersion failed"}},
+        {nullptr, false, {"IsOldThanMacOS105 --- sysctl1 failed", "IsOldThanMacOS105 --- len invalid"}},
+    };
+    for (const auto& c : cases) {
+        PlatSetOSRelease(c.release);
+        PlatSetOSReleaseQueryFails(c.release == nullptr);
+        EXPECT_EQ(c.older, IsOldThanMacOS105()) << (c.release ? c.release : "no answer");
+        EXPECT_EQ(c.log, Calls(TakeLog()));
+    }
+}
+
+TEST(CompletionEvent, CountsSignalsAndWaits) {
+    SetEvent("QV_EVENT");
+    EXPECT_TRUE(Notify());
+    EXPECT_TRUE(Notify());
+    EXPECT_TRUE(Wait(0));
+    EXPECT_TRUE(Wait(0));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Wait(100));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90));
+
+    // -1 waits without limit, not for one microsecond.
+    std::thread notifier([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        Notify();
+    });
+    EXPECT_TRUE(Wait(0xFFFFFFFFu));
+    notifier.join();
+
+    StopEvent();
+    EXPECT_FALSE(Notify());
+    EXPECT_FALSE(Wait(static_cast<uint32_t>(-1)));
+}

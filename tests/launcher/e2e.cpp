@@ -1,0 +1,337 @@
+/* The built launcher end to end: its bundle copied into temporary disc folders, run with a
+ * recording open command first on PATH and within a time limit, the fixed paths put back. */
+#include "support.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <termios.h>
+
+#include <memory>
+#include <tuple>
+
+#include <gtest/gtest.h>
+
+using namespace launcher_test;
+
+namespace {
+
+constexpr int kRunLimitSeconds = 60;
+
+struct RunResult {
+    bool finished = false; // ended by itself within the limit
+    int status = -1;
+    time_t started = 0, ended = 0;
+    std::string output; // standard output and error, or the terminal's screen
+    std::vector<LogLine> log;
+};
+
+// Runs a program without display and with bin first on PATH. Without a terminal its input is
+// /dev/null; on one, `answer` is typed once `prompt` shows (an empty answer ends the input).
+RunResult RunProgram(const std::string& program, const std::string& bin, bool terminal,
+                     const std::string& prompt = "", const std::string& answer = "") {
+    RunResult run;
+    run.started = time(nullptr);
+    int reader = -1, ends[2] = {-1, -1};
+    struct winsize size = {30, 100, 0, 0};
+    pid_t child = terminal ? forkpty(&reader, nullptr, nullptr, &size) : pipe(ends) == 0 ? fork() : -1;
+    if (child == 0) {
+        if (!terminal) {
+            setpgid(0, 0);
+            dup2(open("/dev/null", O_RDONLY), 0);
+            dup2(ends[1], 1);
+            dup2(ends[1], 2);
+        }
+        unsetenv("DISPLAY");
+        unsetenv("WAYLAND_DISPLAY");
+        setenv("TERM", "xterm", 1);
+        setenv("PATH", (bin + ":" + (getenv("PATH") != nullptr ? getenv("PATH") : "/bin")).c_str(), 1);
+        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (!terminal) {
+        reader = ends[0];
+        close(ends[1]);
+    }
+    EXPECT_GT(child, 0);
+    if (child < 0) {
+        return run;
+    }
+    // Read until the program has ended and its output is drained, or the limit has passed.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kRunLimitSeconds);
+    bool answered = prompt.empty(), ended = false, readable = true;
+    int status = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+        struct pollfd ready = {reader, POLLIN, 0};
+        bool data = readable && poll(&ready, 1, 50) > 0;
+        if (data) {
+            char buffer[4096];
+            ssize_t got = read(reader, buffer, sizeof buffer);
+            readable = got > 0;
+            run.output.append(buffer, got > 0 ? got : 0);
+        } else if (!readable) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        if (!answered && run.output.find(prompt) != std::string::npos) {
+            answered = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            struct termios modes;
+            std::string typed = !answer.empty()                  ? answer
+                                : tcgetattr(reader, &modes) == 0 ? std::string(1, modes.c_cc[VEOF])
+                                                                 : "\x04";
+            EXPECT_EQ(static_cast<ssize_t>(typed.size()), write(reader, typed.data(), typed.size()));
+        }
+        ended = ended || waitpid(child, &status, WNOHANG) == child;
+        if (ended && (!readable || !data)) {
+            break;
+        }
+    }
+    if (!ended) {
+        kill(-child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    close(reader);
+    run.finished = ended;
+    run.status = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.ended = time(nullptr);
+    EXPECT_TRUE(run.finished) << program << " did not end within " << kRunLimitSeconds << " s\n"
+                              << run.output;
+    return run;
+}
+
+bool WaitForFile(const std::string& path) {
+    for (int i = 0; i < 100 && !fs::exists(path); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return fs::exists(path);
+}
+
+class EndToEnd : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        // The recording open passes the call on to the real one.
+        WriteFile(bin_ + "/open",
+                  "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done >> '" + (temp_ / "open.args") +
+                      "'\nexec '" + KESTRUN_BUILD_DIR + "/bin/open' \"$@\"\n",
+                  true);
+    }
+
+    // The built bundle at temp/relative, with a package configuration if given, AutoSetup and
+    // an installer script that reports what it found.
+    std::string Disc(const std::string& relative, const std::string& package, bool autoSetup = true) {
+        std::string bundle = temp_ / relative;
+        fs::create_directories(bundle);
+        fs::copy(std::string(KESTRUN_BUILD_DIR) + "/Launcher.app", bundle, fs::copy_options::recursive);
+        fs::remove_all(bundle + "/Contents/Resources/Vantorel.mpkg");
+        if (!package.empty()) {
+            WriteFile(bundle + kPkgConfig, package);
+        }
+        if (autoSetup) {
+            WriteFile(bundle + "/Contents/AutoSetup", "#!/bin/sh\n", true);
+        }
+        WriteFile(bundle + "/Contents/run_local_kestrun",
+                  "#!/bin/sh\nreport='" + Report() +
+                      "'\necho \"args=$#\" > \"$report\"\n"
+                      "[ -d /tmp/qv_tmp_vantorel.mpkg ] && echo staged >> \"$report\"\n"
+                      "[ -x /tmp/AutoSetup ] && echo autosetup >> \"$report\"\nexit 0\n",
+                  true);
+        return bundle;
+    }
+    // The installed application, in the layout of a package with DebugVersion set; its
+    // program leaves a mark when started.
+    void Install(const std::string& versions) {
+        WriteFile(app_ + "/Contents/Info.plist", "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict>"
+                                                 "<key>CFBundleExecutable</key><string>Vantorel</string>"
+                                                 "</dict></plist>\n");
+        WriteFile(app_ + "/Contents/Resources/SysConfig.dat", versions);
+        WriteFile(app_ + "/Contents/MacOS/Vantorel", "#!/bin/sh\ntouch '" + Started() + "'\n", true);
+    }
+    RunResult Launch(const std::string& bundle, bool terminal = false, const std::string& prompt = "",
+                     const std::string& answer = "") {
+        for (const std::string& path : {kLogFile, Report(), Started(), temp_ / "open.args"}) {
+            fs::remove(path);
+        }
+        RunResult run = RunProgram(bundle + "/Contents/MacOS/Launcher", bin_, terminal, prompt, answer);
+        EXPECT_EQ(0, run.status) << run.output;
+        run.log = ReadLog(kLogFile);
+        return run;
+    }
+    // Every line numbered from 1, stamped within the run, from the launcher or its INI reader.
+    static void ExpectWellFormed(const RunResult& run) {
+        for (size_t i = 0; i < run.log.size(); i++) {
+            struct tm fields = {};
+            fields.tm_isdst = -1;
+            ASSERT_NE(nullptr, strptime(run.log[i].stamp.c_str(), "%Y-%m-%d %H:%M:%S", &fields)) << i;
+            EXPECT_EQ(static_cast<int>(i + 1), run.log[i].number) << run.log[i].message;
+            EXPECT_GE(mktime(&fields), run.started) << run.log[i].stamp;
+            EXPECT_LE(mktime(&fields), run.ended) << run.log[i].stamp;
+            EXPECT_TRUE(run.log[i].tag == "main" || run.log[i].tag == "INI") << run.log[i].tag;
+        }
+    }
+    std::string Opened() const { return ReadFile(temp_ / "open.args"); }
+    std::string Report() const { return temp_ / "script.txt"; }
+    std::string Started() const { return temp_ / "started"; }
+
+    FixedPathGuard log_{kLogFile}, staged_{kStaged}, autoSetup_{kAutoSetupCopy};
+    TempDir temp_;
+    std::string bin_ = temp_ / "bin", app_ = temp_ / "Applications/Vantorel Client.app";
+};
+
+} // namespace
+
+// LAUNCH, STOP and UPDATER are decided before anything is installed; a missing package
+// configuration means INSTALL (carried on by the others path, not followed here).
+TEST_F(EndToEnd, Decisions) {
+    Install(SysConfig(5, 1, 0, 0, 7, 0)); // newer than the package by its first differing field
+    const Lines launch = {"main --- CheckInstallerExists",
+                          "IsFileExist --- File: /tmp/qv_tmp_vantorel.mpkg isn't exist",
+                          "AutoRunApplication --- AutoRunApplication end......"};
+    const Lines stop = {"main --- CheckInstallerExists",
+                        "IsFileExist --- File: /tmp/qv_tmp_vantorel.mpkg exist",
+                        "main --- Installer Exists stop event"};
+    const Lines install = {"IsApplicationExists --- pkgVersion info may be error.",
+                           "IsApplicationExists ---  not exist",
+                           "main --- Application isn't Exist,then install"};
+    for (const auto& [outcome, tail, opened] :
+         std::vector<std::tuple<std::string, Lines, std::string>>{{"LAUNCH", launch, "-a\n" + app_ + "\n"},
+                                                                  {"STOP", stop, ""},
+                                                                  {"UPDATER", {}, ""},
+                                                                  {"INSTALL", install, "-a\n\n"}}) {
+        SCOPED_TRACE(outcome);
+        std::string bundle = Disc("disc/" + outcome + "/Launcher.app",
+                                  outcome == "INSTALL" ? "" : SysConfig(4, 120, 1, 2, 7, 0, app_, "yes"));
+        fs::remove_all(kStaged);
+        if (outcome == "STOP") {
+            fs::create_directories(kStaged + "/Contents");
+        }
+        std::unique_ptr<NamedProcess> updater(
+            outcome == "UPDATER" ? new NamedProcess(temp_ / "u", "UpdateWizard") : nullptr);
+        RunResult run = Launch(bundle);
+        ExpectWellFormed(run);
+        const std::string config = bundle + kPkgConfig;
+        Lines expected = {"main --- Main Enter", "GetPkgVersion --- inipath:" + config + "."};
+        if (outcome == "INSTALL") {
+            expected.push_back("SetIniFileName --- open file: " + config + " failed, please check...\n");
+            expected.push_back("GetPkgVersion --- SetIniFileName inipath error.");
+        } else {
+            expected.push_back("GetPkgVersion --- read RUN_PROCESS_DLG is yes, run process window");
+        }
+        expected.push_back("main --- GetPkgVersion Sunccess");
+        expected.insert(expected.end(), tail.begin(), tail.end());
+        Lines lines = Calls(run.log);
+        lines.resize(outcome == "INSTALL" ? std::min(lines.size(), expected.size()) : lines.size());
+        EXPECT_EQ(expected, lines);
+        EXPECT_EQ(opened, Opened()); // an empty application path is opened as it is
+        EXPECT_TRUE(outcome != "LAUNCH" || WaitForFile(Started()));
+        EXPECT_EQ(outcome == "STOP", fs::exists(kStaged + "/Contents")); // STOP leaves it alone
+    }
+}
+
+// A path of 1013 characters still fits the launch command; one of 1017 (the longest a
+// configuration line holds) loses its closing quote and the shell refuses the command.
+TEST_F(EndToEnd, ApplicationPathsAtTheCommandLimit) {
+    for (size_t length : {1013u, 1017u}) {
+        std::string app = temp_ / "Applications/";
+        while (app.size() < length) {
+            app += std::string(std::min<size_t>(100, length - app.size()), 'd');
+            app += app.size() < length - 1 ? "/" : "";
+        }
+        fs::create_directories(app);
+        // Both layout fields 0: the application path itself is the presence test.
+        RunResult run =
+            Launch(Disc("disc" + std::to_string(length) + "/L.app", SysConfig(0, 0, 0, 0, 0, 0, app)));
+        EXPECT_EQ("AutoRunApplication --- AutoRunApplication end......", Calls(run.log, "main").back());
+        EXPECT_EQ(length == 1013 ? "-a\n" + app + "\n" : "", Opened()) << length;
+    }
+}
+
+// Through "/Volumes": staging with or without the progress window (without display or
+// terminal the worker is simply joined), then AutoSetup and the script; a running AutoSetup,
+// a missing AutoSetup or a missing package stop short.
+TEST_F(EndToEnd, DashboardInstall) {
+    const std::string all = "args=0\nstaged\nautosetup\n", joined = "QuitApplicationEventLoop done....";
+    for (const auto& [name, package, autoSetup, running, progress, terminal, staged, report, message] :
+         std::vector<
+             std::tuple<std::string, bool, bool, bool, std::string, bool, bool, std::string, std::string>>{
+             {"plain", true, true, false, "no", false, true, all, "copy mpkg not showprogress"},
+             {"progress, no screen", true, true, false, "yes", false, true, all, joined},
+             {"progress on a terminal", true, true, false, "yes", true, true, all, joined},
+             {"AutoSetup running", true, true, true, "no", false, false, "",
+              "AutoSetup process is Exist,quite installation......"},
+             {"AutoSetup missing", true, false, false, "no", false, true, "", "copy mpkg not showprogress"},
+             {"no package", false, true, false, "no", false, false, "", "File: " + kStaged + " isn't exist"},
+         }) {
+        SCOPED_TRACE(name);
+        fs::remove_all(kStaged);
+        fs::remove_all(kAutoSetupCopy);
+        std::string bundle = Disc("Volumes/" + name + "/Launcher.app",
+                                  package ? SysConfig(3, 0, 1, 0, 0, 0, app_, progress) : "", autoSetup);
+        std::unique_ptr<NamedProcess> other(running ? new NamedProcess(temp_ / "r", "AutoSetup") : nullptr);
+        RunResult run = Launch(bundle, terminal);
+        EXPECT_GE(FindMessage(run.log, message, FindMessage(run.log, "**Install from dashboard path**")), 0);
+        EXPECT_EQ(report, ReadFile(Report()));
+        EXPECT_EQ(staged, fs::exists(kStaged));
+        EXPECT_TRUE(!terminal ||
+                    run.output.find("ProgressWindowHandler: event handled!") != std::string::npos)
+            << run.output;
+    }
+}
+
+// Away from a disc image the system Installer is run; it is absent here, and the launcher
+// goes on: the staged package is removed and the application started.
+TEST_F(EndToEnd, OthersPathInstall) {
+    RunResult run = Launch(Disc("Discs/Kestrun/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)));
+    int others = FindMessage(run.log, "**Install from others path**");
+    EXPECT_GT(FindMessage(run.log, "AutoRunApplication end......", others), others);
+    EXPECT_FALSE(fs::exists(kStaged));
+    EXPECT_EQ("-a\n" + app_ + "\n", Opened());
+}
+
+// An installed copy older than the package: the question box, on a terminal or nowhere.
+TEST_F(EndToEnd, QuestionBox) {
+    const std::string prompt = "A newer version of Vantorel";
+    Install(SysConfig(2, 0, 1, 0, 0, 0));
+    for (const auto& [name, terminal, answer, installs] :
+         std::vector<std::tuple<std::string, bool, std::string, bool>>{{"no screen", false, "", false},
+                                                                       {"yes", true, "yes\n", true},
+                                                                       {"no", true, "no\n", false},
+                                                                       {"end of input", true, "", false}}) {
+        SCOPED_TRACE(name);
+        fs::remove_all(kStaged);
+        RunResult run = Launch(Disc("Volumes/" + name + "/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)),
+                               terminal, terminal ? prompt : "", answer);
+        int failed = FindMessage(run.log, "CreateWindowFromNib failed");
+        EXPECT_EQ(terminal, failed < 0);
+        EXPECT_TRUE(terminal ? run.output.find(prompt) != std::string::npos
+                             : failed >= 0 && run.log[failed].function == "MessageBox")
+            << run.output;
+        EXPECT_EQ(installs, FindMessage(run.log, "AutoInstallPkg Enter") >= 0) << run.output;
+        EXPECT_EQ(installs, fs::exists(Report()));
+        EXPECT_TRUE(installs || WaitForFile(Started())) << run.output;
+    }
+}
+
+// open -a starts a bundle's program without waiting for it, and refuses what it cannot start.
+TEST(OpenCommand, StartsDetachedOrExplains) {
+    TempDir temp;
+    const std::string app = temp / "Some App.app", begun = temp / "begun", ended = temp / "ended";
+    WriteFile(app + "/Contents/Info.plist", "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict><key>"
+                                            "CFBundleExecutable</key><string>run</string></dict></plist>\n");
+    WriteFile(app + "/Contents/MacOS/run",
+              "#!/bin/sh\ntouch '" + begun + "'\nsleep 2\ntouch '" + ended + "'\n", true);
+    for (const auto& [arguments, message] : std::vector<std::pair<std::string, std::string>>{
+             {"-a '" + app + "'", ""},
+             {"-a '" + temp.path + "/missing.app'", "no such application"},
+             {"-a '" + begun + "'", "neither an application bundle nor an executable"},
+             {"-a '" + temp.path + "'", "Info.plist: no such file"},
+             {"'" + app + "'", "usage: open -a APPLICATION"}}) {
+        int status = system((KESTRUN_BUILD_DIR "/bin/open " + arguments + " </dev/null >/dev/null 2>'" +
+                             temp.path + "/errors'")
+                                .c_str());
+        std::string errors = ReadFile(temp / "errors");
+        EXPECT_EQ(message.empty() ? 0 : 1, WEXITSTATUS(status)) << arguments;
+        EXPECT_EQ(message.empty(), errors.empty()) << errors;
+        EXPECT_NE(std::string::npos, errors.find(message)) << arguments << ": " << errors;
+        EXPECT_TRUE(!message.empty() || (WaitForFile(begun) && !fs::exists(ended))); // back while it runs
+    }
+}

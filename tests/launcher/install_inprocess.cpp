@@ -1,0 +1,300 @@
+/* Installation in-process, on the scripted window backend: the command lines of staging, the
+ * Installer, the AutoSetup copy and the script (recorded, not run), the boxes and the
+ * progress window. */
+#include "support.h"
+
+using namespace launcher_test;
+
+namespace {
+
+const std::string kRemoval = "rm -R -f  \"/tmp/qv_tmp_vantorel.mpkg\"";
+const std::string kOpenApp = "open -a \"/Applications/Vantorel.app\"";
+const std::string kOldInstaller =
+    "/Applications/Utilities/Installer.app/Contents/MacOS/Installer  \"/tmp/qv_tmp_vantorel.mpkg\"";
+const std::string kNewInstaller =
+    "/System/Library/CoreServices/Installer.app/Contents/MacOS/Installer  \"/tmp/qv_tmp_vantorel.mpkg\"";
+
+std::string PackageCopy(const std::string& bundle) {
+    return "cp -R \"" + bundle + "/Contents/Resources/Vantorel.mpkg\" /tmp/qv_tmp_vantorel.mpkg";
+}
+std::string AutoSetupCopy(const std::string& bundle) {
+    return "cp -R \"" + bundle + "/Contents/AutoSetup\" \"/tmp/AutoSetup\"";
+}
+
+// Sends a control hit the way a click reaches the application target.
+OSStatus SendHit(ControlRef control) {
+    EventRef event = nullptr;
+    if (CreateEvent(nullptr, kEventClassControl, kEventControlHit, GetCurrentEventTime(), 0, &event) !=
+        noErr) {
+        return -1;
+    }
+    if (control != nullptr) {
+        SetEventParameter(event, kEventParamDirectObject, typeControlRef, sizeof control, &control);
+    }
+    OSStatus status = SendEventToEventTarget(event, GetApplicationEventTarget());
+    ReleaseEvent(event);
+    return status;
+}
+
+std::string ControlText(const char* window) {
+    char text[1024] = {};
+    PlatScriptGetControlText(window, 'MSG1', 1, text, sizeof text);
+    return text;
+}
+
+// A quit asked outside any loop waits for the next one: start from none pending.
+void ForgetPendingQuit() {
+    QuitApplicationEventLoop();
+    RunApplicationEventLoop();
+}
+
+using Install = InProcess;
+
+} // namespace
+
+TEST_F(Install, StagingQuotesTheSourceAndRemovesTheOldCopyFirst) {
+    std::string bundle = UseBundle("My Disc/Kestrun Launcher.app");
+    EXPECT_TRUE(CopyPkgToLocal());
+    EXPECT_EQ(Lines({kRemoval, PackageCopy(bundle)}), TakeCommands());
+
+    // Without a bundle the old copy is still removed; no Installer, no start, one signal.
+    PlatSetExecutablePath((dir_ / "loose/Launcher").c_str());
+    AutoRunInstallPkg(false);
+    EXPECT_EQ(Lines{kRemoval}, TakeCommands());
+    EXPECT_EQ(1, TakeSignals());
+    EXPECT_EQ("AutoRunInstallPkg --- Get Module Path error.", TakeLog().back().Call());
+    AutoInstallPkg(false);
+    EXPECT_EQ(Lines(), TakeCommands());
+    EXPECT_EQ(1, TakeSignals());
+}
+
+// Away from "/Volumes" (case counts) the Installer of the running system is used.
+TEST_F(Install, OthersPathRunsTheInstallerOfTheSystem) {
+    std::string bundle = UseBundle("volumes/Disc/Launcher.app");
+    const struct {
+        const char* release;
+        std::string installer;
+    } cases[] = {{"8.11.1", kOldInstaller}, {"9.0.0", kNewInstaller}, {nullptr, kNewInstaller}};
+    for (const auto& c : cases) {
+        PlatSetOSRelease(c.release);
+        PlatSetOSReleaseQueryFails(c.release == nullptr);
+        AutoInstallPkg(false);
+        EXPECT_EQ(Lines({kRemoval, PackageCopy(bundle), c.installer, kRemoval, kOpenApp}), TakeCommands());
+        EXPECT_EQ(1, TakeSignals());
+        std::vector<LogLine> log = TakeLog();
+        EXPECT_GE(FindMessage(log, "installerPath:" + c.installer + "."),
+                  FindMessage(log, "**Install from others path**"));
+        EXPECT_EQ(-1, FindMessage(log, "**Install from dashboard path**"));
+    }
+}
+
+// The script runs only when the bundle's AutoSetup and the staged package both exist. A '%' in
+// a path reaches the shell and the log as it is.
+TEST_F(Install, DashboardPathHandsOverToTheScript) {
+    FixedPathGuard staged(kStaged);
+    std::string bundle = UseBundle("Users/me/Volumes/Kestrun 100% Disc/Launcher.app");
+    const std::string script = "\"" + bundle + "/Contents/run_local_kestrun\"";
+    const struct { bool autoSetup, stagedPackage; } cases[] = {{true, true}, {false, true}, {true, false}};
+    for (const auto& c : cases) {
+        fs::remove(bundle + "/Contents/AutoSetup");
+        fs::remove_all(kStaged);
+        if (c.autoSetup) {
+            WriteFile(bundle + "/Contents/AutoSetup", "#!/bin/sh\n", true);
+        }
+        if (c.stagedPackage) {
+            fs::create_directories(kStaged + "/Contents");
+        }
+        ForgetProcessTable();
+        AutoInstallPkg(false);
+
+        Lines expected = {kRemoval, PackageCopy(bundle), AutoSetupCopy(bundle)};
+        if (c.autoSetup && c.stagedPackage) {
+            expected.push_back(script);
+        }
+        EXPECT_EQ(expected, TakeCommands());
+        EXPECT_EQ(1, TakeSignals());
+        std::vector<LogLine> log = TakeLog();
+        int dashboard = FindMessage(log, "**Install from dashboard path**");
+        int noProgress = FindMessage(log, "copy mpkg not showprogress", dashboard);
+        int loopExit = FindMessage(log, "RunAppModalLoopForWindow exit.....", noProgress);
+        int copy = FindMessage(log, AutoSetupCopy(bundle), loopExit);
+        ASSERT_GE(dashboard, 0);
+        ASSERT_GT(copy, loopExit);
+        EXPECT_GT(loopExit, noProgress);
+        EXPECT_EQ("copytolocal", log[copy].function);
+        EXPECT_EQ(c.autoSetup && c.stagedPackage, FindMessage(log, "Run Script,path: " + script) > copy);
+    }
+}
+
+// Every command is cut at 1023 characters, never refused or overrun. The bundle URL of the
+// older system has room for such paths.
+TEST_F(Install, LongBundlePathsAreCut) {
+    PlatSetOSRelease("8.11.1");
+    std::string relative = "Volumes";
+    while (dir_.path.size() + relative.size() + 7 < 1010) {
+        relative +=
+            "/" + std::string(std::min<size_t>(60, 1010 - dir_.path.size() - relative.size() - 8), 'd');
+    }
+    std::string bundle = UseBundle(relative + "/L.app");
+    ASSERT_EQ(1010u, bundle.size());
+    AutoInstallPkg(false);
+    // The script's path is cut, so it is not found and not run.
+    EXPECT_EQ(Lines({kRemoval, PackageCopy(bundle).substr(0, 1023), AutoSetupCopy(bundle).substr(0, 1023)}),
+              TakeCommands());
+    EXPECT_EQ(1, TakeSignals());
+}
+
+// Yes disposes the box and installs; No and the close box start the installed application.
+// A later click reaches a handler only where it is still installed.
+TEST_F(Install, BoxAnswers) {
+    const std::string newVersion =
+        "A newer version of Vantorel is on this disc. Do you want to install it now? "
+        "Choose No to start the Vantorel that is already installed.";
+    const std::string installed =
+        "This version of Vantorel is already installed on this computer. Choose Yes to start it.";
+    auto messageBox = [] { MessageBox("NEW_VERSION_CONFIRM"); };
+    auto messageBoxR7 = [] { MessageBoxR7("NEW_VERSION_CONFIRM"); };
+    const struct {
+        const char* window;
+        void (*show)();
+        PlatScriptAction action;
+        OSType control;
+        bool installs;
+        ControlRef* later;
+        size_t laterCommands;
+    } cases[] = {
+        {"MessageBox", messageBox, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef, 0},
+        {"MessageBox", messageBox, kPlatScriptPressControl, 'NO11', false, &g_msgBoxNoRef, 0},
+        {"MessageBox", messageBox, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
+        {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef, 0},
+        {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'NO11', false, &g_msgBoxYesRef, 0},
+        {"MessageBox_Installed", messageBoxR7, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
+        {"WarnningBox_Installed", WarningBoxR7, kPlatScriptPressControl, 'YES2', false, &g_msgBoxYesRef, 0},
+        {"WarnningBox_Installed", WarningBoxR7, kPlatScriptClose, 0, false, nullptr, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.window) + (c.action == kPlatScriptClose ? " close" : " button"));
+        ForgetPendingQuit();
+        PlatScriptSetAction(c.window, c.action, c.control, 1);
+        c.show();
+        RunApplicationEventLoop();
+        Lines commands = TakeCommands();
+        std::vector<LogLine> log = TakeLog();
+        EXPECT_EQ(c.installs ? 5u : 1u, commands.size());
+        EXPECT_EQ(kOpenApp, commands.back());
+        EXPECT_EQ(c.installs, FindMessage(log, "AutoInstallPkg Enter") >= 0);
+        if (c.action == kPlatScriptClose) {
+            int closed =
+                FindMessage(log, "Close messageBox window", FindMessage(log, "AutoRunApplication end......"));
+            ASSERT_GT(closed, 0);
+            EXPECT_EQ("CloseWindowHandle", log[closed].function);
+        } else {
+            EXPECT_EQ(!c.installs, PlatScriptIsVisible(c.window)); // only Yes takes the box down
+            EXPECT_EQ(c.installs ? "" : c.window[0] == 'W' ? installed : newVersion, ControlText(c.window));
+        }
+        if (c.later != nullptr) {
+            SendHit(*c.later);
+            EXPECT_EQ(c.laterCommands, TakeCommands().size());
+        }
+    }
+}
+
+// Clicks on other controls and hits without a control leave the box waiting for its answer.
+TEST_F(Install, BoxIgnoresOtherHits) {
+    MessageBox("NO_SUCH_KEY");
+    EXPECT_EQ("NO_SUCH_KEY", ControlText("MessageBox")); // a key the table lacks shows itself
+    EXPECT_EQ(noErr, SendHit(GetControlRef(g_msgBoxRef, 'MSG1', 1)));
+    EXPECT_NE(noErr, SendHit(nullptr));
+    EXPECT_EQ(Lines(), TakeCommands());
+    EXPECT_TRUE(PlatScriptIsVisible("MessageBox"));
+    EXPECT_EQ("MessageBoxAppClickEventHandler --- GetEventParameter failed", TakeLog().back().Call());
+    SendHit(g_msgBoxNoRef);
+    EXPECT_EQ(Lines{kOpenApp}, TakeCommands());
+
+    MessageBox(nullptr);
+    MessageBoxR7(nullptr);
+    EXPECT_EQ(1, PlatScriptShowCount("MessageBox"));
+    EXPECT_EQ(0, PlatScriptShowCount("MessageBox_Installed"));
+}
+
+// Nobody can answer a box without a window: it acts as its close box, and the loop ends.
+TEST_F(Install, BoxWithoutWindowStartsTheApplication) {
+    const struct {
+        const char* nib;
+        const char* function;
+        void (*show)();
+    } cases[] = {
+        {"<nib><window name=\"Other\" title=\"x\"/></nib>\n", "MessageBox",
+         [] { MessageBox("NEW_VERSION_CONFIRM"); }},
+        {"<nib></nib>\n", "MessageBoxR7", [] { MessageBoxR7("DIFFERENT_VERSION_CONFIRM"); }},
+        {nullptr, "WarningBoxR7", WarningBoxR7},
+    };
+    for (const auto& c : cases) {
+        fs::remove(bundle_ + "/Contents/Resources/main.nib");
+        if (c.nib != nullptr) {
+            WriteFile(bundle_ + "/Contents/Resources/main.nib", c.nib);
+        }
+        ForgetPendingQuit();
+        c.show();
+        RunApplicationEventLoop();
+        EXPECT_EQ(Lines{kOpenApp}, TakeCommands()) << c.function;
+        std::vector<LogLine> log = TakeLog();
+        int failed = FindMessage(log, "CreateWindowFromNib failed");
+        ASSERT_GE(failed, 0) << c.function;
+        EXPECT_EQ(c.function, log[failed].function);
+    }
+}
+
+// A close that arrives twice, or a command of another kind, touches no dead window.
+TEST_F(Install, ProgressWindowClosesOnce) {
+    testing::internal::CaptureStdout();
+    ShowProgressWindow();
+    ASSERT_TRUE(PlatScriptIsVisible("ProgressWindow"));
+    SendCommandProcessEvent('abcd');
+    PlatDrainEvents();
+    EXPECT_TRUE(PlatScriptIsVisible("ProgressWindow"));
+    SendCommandProcessEvent('clos');
+    SendCommandProcessEvent('clos');
+    PlatDrainEvents();
+    EXPECT_FALSE(PlatScriptIsVisible("ProgressWindow"));
+    EXPECT_FALSE(IsValidWindowPtr(g_ProgressWindowRef));
+    EXPECT_EQ("show windowformNib\nProgressWindowHandler: entered!\n"
+              "ProgressWindowHandler: entered!\nProgressWindowHandler: event received!\n"
+              "ProgressWindowHandler: event handled!\n"
+              "ProgressWindowHandler: entered!\nProgressWindowHandler: event received!\n"
+              "ProgressWindowHandler: event handled!\n",
+              testing::internal::GetCapturedStdout());
+}
+
+// A worker faster than the main thread closes the window before its modal loop starts.
+TEST_F(Install, ProgressCloseBeforeTheModalLoop) {
+    std::thread([] { SendCommandProcessEvent('clos'); }).join();
+    testing::internal::CaptureStdout();
+    ShowProgressWindow();
+    if (IsValidWindowPtr(g_ProgressWindowRef)) {
+        RunAppModalLoopForWindow(g_ProgressWindowRef);
+    }
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_FALSE(PlatScriptIsVisible("ProgressWindow"));
+    EXPECT_NE(std::string::npos, out.find("ProgressWindowHandler: event handled!")) << out;
+}
+
+// The worker copies, then closes the window; its four lines come in order.
+TEST_F(Install, ProgressWorkerCopiesThenCloses) {
+    testing::internal::CaptureStdout();
+    AutoRunInstallPkg(true);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(1, PlatScriptShowCount("ProgressWindow"));
+    EXPECT_FALSE(PlatScriptIsVisible("ProgressWindow"));
+    EXPECT_NE(std::string::npos, out.find("ProgressWindowHandler: event handled!")) << out;
+    EXPECT_EQ(Lines({kRemoval, PackageCopy(bundle_), kNewInstaller, kRemoval, kOpenApp}), TakeCommands());
+    Lines worker;
+    for (const LogLine& line : TakeLog()) {
+        if (line.function == "threadFunc") {
+            worker.push_back(line.message);
+        }
+    }
+    EXPECT_EQ(Lines({"copy mpkg to local begin...", "copy mpkg to local end ....",
+                     "Now we show send the close order to showProcess", "QuitApplicationEventLoop done...."}),
+              worker);
+}

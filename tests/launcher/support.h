@@ -1,0 +1,248 @@
+/* Shared harness of the launcher tests: temporary folders and files, the log read back line
+ * by line, child processes under chosen names, the fixed paths kept aside, and commands
+ * recorded by the wrapped system(). */
+#ifndef TESTS_LAUNCHER_SUPPORT_H
+#define TESTS_LAUNCHER_SUPPORT_H
+
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#ifdef KESTRUN_IN_PROCESS
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include "Common/INI.h"
+#include "Common/Log.h"
+#include "Launcher.h"
+#include "PlatformTesting.h"
+#endif
+
+extern char** environ;
+
+namespace launcher_test {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+const std::string kLogFile = "/var/tmp/Kestrun.log";
+const std::string kStaged = "/tmp/qv_tmp_vantorel.mpkg";
+const std::string kAutoSetupCopy = "/tmp/AutoSetup";
+const std::string kPkgConfig = "/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat";
+
+// A folder under /tmp, removed with everything in it when the object goes.
+struct TempDir {
+    std::string path = MakeTemp();
+    ~TempDir() { fs::remove_all(path); }
+    std::string operator/(const std::string& relative) const { return path + "/" + relative; }
+    static std::string MakeTemp() {
+        char pattern[] = "/tmp/kestrun-launcher-XXXXXX";
+        return mkdtemp(pattern) != nullptr ? pattern : "/nonexistent";
+    }
+};
+
+inline void WriteFile(const std::string& path, const std::string& text, bool executable = false) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    if (executable) {
+        chmod(path.c_str(), 0755);
+    }
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+// A "SysConfig.dat": the six version keys, then the application path section if given.
+inline std::string SysConfig(int vr, int build, int debug, int sp, int customize, int major,
+                             const std::string& appPath = "", const std::string& showProgress = "no") {
+    std::ostringstream text;
+    text << "[System]\nVRVersion=" << vr << "\nBuildVersion=" << build << "\nDebugVersion=" << debug
+         << "\nSPVersion=" << sp << "\nCustomizeVersion=" << customize << "\nMajorVersion=" << major << "\n";
+    if (!appPath.empty()) {
+        text << "[APP_PATH]\nVALUE=" << appPath << "\nRUN_PROCESS_DLG=" << showProgress << "\n";
+    }
+    return text.str();
+}
+
+// "line N===Y-M-D h:m:s   tag:function --- message", taken apart. Lines that do not parse come
+// back with number 0 and the raw text as their message.
+struct LogLine {
+    int number = 0;
+    std::string stamp, tag, function, message;
+    std::string Call() const { return function + " --- " + message; }
+};
+
+inline std::vector<LogLine> ReadLog(const std::string& path) {
+    static const std::regex pattern(R"(^line ([0-9]+)===([-0-9]+ [:0-9]+)   ([^:]*):([^ ]*) --- (.*)$)");
+    std::vector<LogLine> lines;
+    std::istringstream in(ReadFile(path));
+    std::string raw;
+    std::smatch m;
+    while (std::getline(in, raw)) {
+        if (raw.empty() && !lines.empty()) { // a message ending in its own line feed
+            lines.back().message += "\n";
+        } else if (std::regex_match(raw, m, pattern)) {
+            lines.push_back({std::stoi(m[1]), m[2], m[3], m[4], m[5]});
+        } else {
+            lines.push_back({0, "", "", "", raw});
+        }
+    }
+    return lines;
+}
+
+// "function --- message" of every line, or only of the lines with the given tag.
+inline Lines Calls(const std::vector<LogLine>& log, const std::string& tag = "") {
+    Lines calls;
+    for (const LogLine& line : log) {
+        if (tag.empty() || line.tag == tag) {
+            calls.push_back(line.Call());
+        }
+    }
+    return calls;
+}
+
+// Index of the first line with this message at or after from; -1 when there is none.
+inline int FindMessage(const std::vector<LogLine>& log, const std::string& message, int from = 0) {
+    for (int i = from < 0 ? log.size() : from; i < static_cast<int>(log.size()); ++i) {
+        if (log[i].message == message) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+// A copy of /bin/sleep running under the given command name, ended with the object.
+struct NamedProcess {
+    NamedProcess(const std::string& folder, const std::string& name) {
+        std::string program = folder + "/" + name;
+        fs::create_directories(folder);
+        fs::copy_file("/bin/sleep", program, fs::copy_options::overwrite_existing);
+        char* argv[] = {program.data(), const_cast<char*>("60"), nullptr};
+        pid = posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv, environ) == 0 ? pid : -1;
+        // The name shows only once the new program has replaced the spawned copy.
+        for (int i = 0;
+             i < 400 && ReadFile("/proc/" + std::to_string(pid) + "/comm") != name.substr(0, 15) + "\n";
+             i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    ~NamedProcess() {
+        if (pid > 0 && kill(pid, SIGKILL) == 0) {
+            waitpid(pid, nullptr, 0);
+        }
+    }
+    pid_t pid = -1;
+};
+
+// Moves a fixed path of the system aside for a test and puts it back when the object goes.
+struct FixedPathGuard {
+    explicit FixedPathGuard(const std::string& fixed) : path(fixed), aside(fixed + ".kestrun-test-aside") {
+        fs::remove_all(aside);
+        moved = rename(path.c_str(), aside.c_str()) == 0;
+    }
+    ~FixedPathGuard() {
+        fs::remove_all(path);
+        if (moved) {
+            rename(aside.c_str(), path.c_str());
+        }
+    }
+    std::string path, aside;
+    bool moved;
+};
+
+// In-process tests: the command lines given to system since the last take (nothing is run).
+Lines TakeCommands();
+
+#ifdef KESTRUN_IN_PROCESS
+// A launcher bundle in a temporary folder taken as the running one, the log written beside
+// it, the completion event set up, and the launcher's globals as at start-up.
+class InProcess : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        bundle_ = UseBundle("Disc/Launcher.app");
+        for (const char* file : {"main.nib", "en.lproj/custom.strings", "Installer.png"}) {
+            WriteFile(bundle_ + "/Contents/Resources/" + file,
+                      ReadFile(std::string(KESTRUN_SOURCE_DIR) + "/resources/" + file));
+        }
+        setenv("LANG", "en_US.UTF-8", 1);
+        unsetenv("LC_ALL");
+        unsetenv("LC_MESSAGES");
+        PlatSetBackend("scripted");
+        PlatScriptReset();
+        QuitApplicationEventLoop(); // a quit asked outside a loop waits for the next: none pending
+        RunApplicationEventLoop();
+        PlatSetOSRelease("10.8.0");
+        InitLogSystem(logFile_.c_str());
+        SetEvent("QV_EVENT");
+        pkgVersion = installedVersion = VersionRecord();
+        strcpy(szAppPath, "/Applications/Vantorel.app");
+        isShowProcessWindow = false;
+        ForgetProcessTable();
+        TakeCommands();
+    }
+    void TearDown() override {
+        PlatDrainEvents();
+        PlatScriptReset();
+        CloseLogSystem();
+        StopEvent();
+        PlatSetExecutablePath(nullptr);
+        PlatSetOSRelease(nullptr);
+        PlatSetOSReleaseQueryFails(FALSE);
+        ForgetProcessTable();
+    }
+    std::string UseBundle(const std::string& relative) {
+        std::string bundle = dir_ / relative;
+        WriteFile(bundle + "/Contents/MacOS/Launcher", "");
+        WriteFile(bundle + "/Contents/Info.plist",
+                  "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key><string>Launcher</string>"
+                  "</dict></plist>\n");
+        PlatSetExecutablePath((bundle + "/Contents/MacOS/Launcher").c_str());
+        return bundle;
+    }
+    // The log lines written since the last take.
+    std::vector<LogLine> TakeLog() {
+        CloseLogSystem();
+        std::vector<LogLine> log = ReadLog(logFile_);
+        fs::remove(logFile_);
+        InitLogSystem(logFile_.c_str());
+        return log;
+    }
+    // The process table is fetched once per launcher run: each call here is a new run.
+    static void ForgetProcessTable() {
+        free(pprocesslist);
+        pprocesslist = nullptr;
+        processcount = 0;
+    }
+    // How often the completion event has been signalled since the last take.
+    static int TakeSignals() {
+        int signals = 0;
+        while (signals < 10 && Wait(0)) {
+            ++signals;
+        }
+        return signals;
+    }
+
+    TempDir dir_;
+    std::string logFile_ = dir_ / "Kestrun.log", bundle_;
+};
+#endif
+
+} // namespace launcher_test
+
+#endif
