@@ -1,44 +1,30 @@
-// A private directory per test, removed with everything in it.
-#ifndef TESTS_COMMON_TEMPDIR_H
-#define TESTS_COMMON_TEMPDIR_H
+// Shared by the log and INI tests: a private directory per test, and files read back whole.
+#pragma once
+
+#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdlib.h>
 #include <string>
 
-class TempDir {
-  public:
-    TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kestrun-common-XXXXXX").string();
-        path_ = mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!path_.empty()) {
-            std::filesystem::remove_all(path_, ignored);
-        }
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return path_; }
-    std::string File(const std::string& name) const { return path_ + "/" + name; }
-
-    std::string Write(const std::string& name, const std::string& content) const {
-        std::string file = File(name);
-        std::ofstream(file, std::ios::binary) << content;
-        return file;
-    }
-
-  private:
-    std::string path_;
-};
-
 inline std::string ReadWholeFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
-#endif
+struct TempDir {
+    std::string path = (std::filesystem::temp_directory_path() / "kestrun-common-XXXXXX").string();
+    TempDir() { EXPECT_NE(mkdtemp(path.data()), nullptr) << path; }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    std::string File(const std::string& name) const { return path + "/" + name; }
+    std::string Write(const std::string& name, const std::string& content) const {
+        std::ofstream(File(name), std::ios::binary) << content;
+        return File(name);
+    }
+};
