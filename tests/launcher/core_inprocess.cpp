@@ -41,40 +41,29 @@ TEST_F(Core, VersionValuesConvertLikeAtoi) {
 
 // Only the word itself, in any case, turns the progress window on; a value keeps its blanks.
 TEST_F(Core, PackageSettings) {
-    const struct {
-        const char* lines;
-        bool show;
-    } cases[] = {
-        {"RUN_PROCESS_DLG=Yes\n", true},   {"RUN_PROCESS_DLG=YES\n", true},
-        {"RUN_PROCESS_DLG= yes\n", false}, {"RUN_PROCESS_DLG=yes please\n", false},
-        {"RUN_PROCESS_DLG=\n", false},     {"", false},
-    };
-    for (const auto& c : cases) {
-        isShowProcessWindow = !c.show;
-        WritePkgConfig(SysConfig(4, 120, 0, 2, 7, 3) + "[APP_PATH]\nVALUE= /Apps/V.app\n" + c.lines);
+    for (const auto& [lines, show] :
+         std::vector<std::pair<const char*, bool>>{{"RUN_PROCESS_DLG=Yes\n", true},
+                                                   {"RUN_PROCESS_DLG=YES\n", true},
+                                                   {"RUN_PROCESS_DLG= yes\n", false},
+                                                   {"RUN_PROCESS_DLG=yes please\n", false},
+                                                   {"RUN_PROCESS_DLG=\n", false},
+                                                   {"", false}}) {
+        isShowProcessWindow = !show;
+        WritePkgConfig(SysConfig(4, 120, 0, 2, 7, 3) + "[APP_PATH]\nVALUE= /Apps/V.app\n" + lines);
         EXPECT_TRUE(GetPkgVersion());
         EXPECT_EQ("4,120,0,2,7,3", Fields(pkgVersion));
-        EXPECT_EQ(c.show, isShowProcessWindow) << c.lines;
-        EXPECT_STREQ(" /Apps/V.app", szAppPath) << c.lines;
-        const char* decision = c.show ? "read RUN_PROCESS_DLG is yes, run process window"
-                                      : "read RUN_PROCESS_DLG is not yes,not run process window";
+        EXPECT_EQ(show, isShowProcessWindow) << lines;
+        EXPECT_STREQ(" /Apps/V.app", szAppPath) << lines;
+        const char* decision = show ? "read RUN_PROCESS_DLG is yes, run process window"
+                                    : "read RUN_PROCESS_DLG is not yes,not run process window";
         EXPECT_EQ(Lines({IniPathLine(), std::string("GetPkgVersion --- ") + decision}),
                   Calls(TakeLog(), "main"))
-            << c.lines;
+            << lines;
     }
 }
 
-// Missing, empty, binary, sectionless or directory configurations give neutral settings.
+// Empty, binary, sectionless or directory configurations give neutral settings.
 TEST_F(Core, UnusablePackageConfigurations) {
-    EXPECT_FALSE(GetPkgVersion());
-    EXPECT_EQ(Lines({IniPathLine(), "GetPkgVersion --- SetIniFileName inipath error."}),
-              Calls(TakeLog(), "main"));
-    szAppPath[0] = '\0';
-    EXPECT_FALSE(IsApplicationExists());
-    EXPECT_EQ(Lines({"IsApplicationExists --- pkgVersion info may be error.",
-                     "IsApplicationExists ---  not exist"}),
-              Calls(TakeLog()));
-
     std::string binary("\x00\xff[System\x00]\r\x01VALUE=\x7f", 20);
     binary += std::string(3000, 'x'); // one line far past the line buffer
     for (const std::string& text : {std::string(), binary, std::string("VALUE=/V.app\nRUN_PROCESS_DLG=yes\n"),
@@ -102,22 +91,18 @@ TEST_F(Core, InstalledLayoutChosenByThePackageRecord) {
     WriteFile(app + "/Contents/Info.plist", "plist");
     WriteFile(app + "/Contents/Resources/SysConfig.dat", SysConfig(1, 1, 1, 1, 1, 1));
     WriteFile(app + "/SysConfig.dat", SysConfig(2, 2, 2, 2, 2, 2));
-    const struct {
-        VersionRecord package;
-        const char* installed;
-        Lines log;
-    } cases[] = {
-        {V(0, 0, 1, 0, 0, 5), "1,1,1,1,1,1", {}},
-        {V(0, 0, 0, 0, 0, 5), "2,2,2,2,2,2", {}},
-        // Both 0: the application folder itself, which opens and reads as zeros.
-        {V(3, 3, 0, 3, 3, 0), "0,0,0,0,0,0", {"IsApplicationExists --- pkgVersion info may be error."}},
-    };
-    for (const auto& c : cases) {
-        pkgVersion = c.package;
-        EXPECT_TRUE(IsApplicationExists()) << c.installed;
-        EXPECT_TRUE(GetInstalledVersion()) << c.installed;
-        EXPECT_EQ(c.installed, Fields(installedVersion));
-        EXPECT_EQ(c.log, Calls(TakeLog(), "main"));
+    for (const auto& [package, installed, log] : std::vector<std::tuple<VersionRecord, const char*, Lines>>{
+             {V(0, 0, 1, 0, 0, 5), "1,1,1,1,1,1", {}},
+             {V(0, 0, 0, 0, 0, 5), "2,2,2,2,2,2", {}},
+             // Both 0: the application folder itself, which opens and reads as zeros.
+             {V(3, 3, 0, 3, 3, 0),
+              "0,0,0,0,0,0",
+              {"IsApplicationExists --- pkgVersion info may be error."}}}) {
+        pkgVersion = package;
+        EXPECT_TRUE(IsApplicationExists()) << installed;
+        EXPECT_TRUE(GetInstalledVersion()) << installed;
+        EXPECT_EQ(installed, Fields(installedVersion));
+        EXPECT_EQ(log, Calls(TakeLog(), "main"));
     }
 
     pkgVersion = V(0, 0, 1, 0, 0, 0);
@@ -139,11 +124,6 @@ TEST_F(Core, InstalledLayoutChosenByThePackageRecord) {
     EXPECT_FALSE(IsApplicationExists());
     EXPECT_EQ(Lines({"IsApplicationExists --- " + longPath.substr(0, 1023) + " not exist"}),
               Calls(TakeLog()));
-
-    EXPECT_TRUE(IsFileExist(dir_.path.c_str()));
-    EXPECT_FALSE(IsFileExist(NULL));
-    EXPECT_EQ(Lines({"IsFileExist --- File: " + dir_.path + " exist", "IsFileExist --- param error"}),
-              Calls(TakeLog()));
 }
 
 // Table A with a package major version, table B without; the first differing field decides.
@@ -151,39 +131,33 @@ TEST(ChooseDialog, Tables) {
     const VersionRecord A = V(4, 100, 7, 2, 1, 3), B = V(4, 9, 3, 2, 1, 0);
     const char* const kNew = "NEW_VERSION_CONFIRM";
     const char* const kDifferent = "DIFFERENT_VERSION_CONFIRM";
-    const struct {
-        const char* rule;
-        VersionRecord installed, package;
-        DialogChoice dialog;
-        const char* key;
-    } cases[] = {
-        {"A1 customize differs", V(4, 100, 7, 2, 2, 3), A, kMessageBoxR7, kDifferent},
-        {"A1 before A2", V(1, 1, 1, 1, 0, 1), A, kMessageBoxR7, kDifferent},
-        {"A2 major below", V(9, 999, 7, 9, 1, 2), A, kMessageBoxR7, kNew},
-        {"A2 VR below", V(3, 999, 7, 9, 1, 3), A, kMessageBoxR7, kNew},
-        {"A2 build below", V(4, 99, 7, 9, 1, 3), A, kMessageBoxR7, kNew},
-        {"A2 SP below", V(4, 100, 7, 1, 1, 3), A, kMessageBoxR7, kNew},
-        {"A3 only the debug version differs", V(4, 100, 0, 2, 1, 3), A, kWarningBoxR7, nullptr},
-        {"A4 major above", V(0, 0, 0, 0, 1, 4), A, kMessageBoxR7, kDifferent},
-        {"A4 SP above", V(4, 100, 7, 3, 1, 3), A, kMessageBoxR7, kDifferent},
-        {"A unreadable installed record", V(0, 0, 0, 0, 0, 0), V(0, 0, 0, 0, 0, 2), kMessageBoxR7, kNew},
-        {"A -1 below 0", V(4, 100, 7, -1, 1, 3), V(4, 100, 7, 0, 1, 3), kMessageBoxR7, kNew},
-        {"A 0 above -1", V(4, 100, 7, 0, 1, 3), V(4, 100, 7, -1, 1, 3), kMessageBoxR7, kDifferent},
-        {"B1 customize differs", V(9, 9, 9, 9, 0, 0), B, kMessageBox, kDifferent},
-        {"B1 -1 differs from 1", V(4, 9, 3, 2, -1, 0), B, kMessageBox, kDifferent},
-        {"B2 VR below", V(3, 99, 99, 99, 1, 0), B, kMessageBox, kNew},
-        {"B2 build below", V(4, 8, 99, 99, 1, 0), B, kMessageBox, kNew},
-        {"B2 debug below", V(4, 9, 2, 99, 1, 0), B, kMessageBox, kNew},
-        {"B2 SP below, installed major ignored", V(4, 9, 3, 1, 1, 7), B, kMessageBox, kNew},
-        {"B2 -1 below 0", V(-1, 0, 0, 0, 0, 0), V(0, 0, 0, 0, 0, 0), kMessageBox, kNew},
-        {"B3 equal", B, B, kNoDialog, nullptr},
-        {"B3 first difference above", V(5, 1, 0, 0, 1, 0), B, kNoDialog, nullptr},
-        {"B3 SP above", V(4, 9, 3, 3, 1, 0), B, kNoDialog, nullptr},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [rule, installed, package, dialog, textKey] :
+         std::vector<std::tuple<const char*, VersionRecord, VersionRecord, DialogChoice, const char*>>{
+             {"A1 customize differs", V(4, 100, 7, 2, 2, 3), A, kMessageBoxR7, kDifferent},
+             {"A1 before A2", V(1, 1, 1, 1, 0, 1), A, kMessageBoxR7, kDifferent},
+             {"A2 major below", V(9, 999, 7, 9, 1, 2), A, kMessageBoxR7, kNew},
+             {"A2 VR below", V(3, 999, 7, 9, 1, 3), A, kMessageBoxR7, kNew},
+             {"A2 build below", V(4, 99, 7, 9, 1, 3), A, kMessageBoxR7, kNew},
+             {"A2 SP below", V(4, 100, 7, 1, 1, 3), A, kMessageBoxR7, kNew},
+             {"A3 only the debug version differs", V(4, 100, 0, 2, 1, 3), A, kWarningBoxR7, nullptr},
+             {"A4 major above", V(0, 0, 0, 0, 1, 4), A, kMessageBoxR7, kDifferent},
+             {"A4 SP above", V(4, 100, 7, 3, 1, 3), A, kMessageBoxR7, kDifferent},
+             {"A unreadable installed record", V(0, 0, 0, 0, 0, 0), V(0, 0, 0, 0, 0, 2), kMessageBoxR7, kNew},
+             {"A -1 below 0", V(4, 100, 7, -1, 1, 3), V(4, 100, 7, 0, 1, 3), kMessageBoxR7, kNew},
+             {"A 0 above -1", V(4, 100, 7, 0, 1, 3), V(4, 100, 7, -1, 1, 3), kMessageBoxR7, kDifferent},
+             {"B1 customize differs", V(9, 9, 9, 9, 0, 0), B, kMessageBox, kDifferent},
+             {"B1 -1 differs from 1", V(4, 9, 3, 2, -1, 0), B, kMessageBox, kDifferent},
+             {"B2 VR below", V(3, 99, 99, 99, 1, 0), B, kMessageBox, kNew},
+             {"B2 build below", V(4, 8, 99, 99, 1, 0), B, kMessageBox, kNew},
+             {"B2 debug below", V(4, 9, 2, 99, 1, 0), B, kMessageBox, kNew},
+             {"B2 SP below, installed major ignored", V(4, 9, 3, 1, 1, 7), B, kMessageBox, kNew},
+             {"B2 -1 below 0", V(-1, 0, 0, 0, 0, 0), V(0, 0, 0, 0, 0, 0), kMessageBox, kNew},
+             {"B3 equal", B, B, kNoDialog, nullptr},
+             {"B3 first difference above", V(5, 1, 0, 0, 1, 0), B, kNoDialog, nullptr},
+             {"B3 SP above", V(4, 9, 3, 3, 1, 0), B, kNoDialog, nullptr}}) {
         const char* key = "unset";
-        EXPECT_EQ(c.dialog, ChooseDialog(&c.installed, &c.package, &key)) << c.rule;
-        EXPECT_STREQ(c.key, key) << c.rule;
+        EXPECT_EQ(dialog, ChooseDialog(&installed, &package, &key)) << rule;
+        EXPECT_STREQ(textKey, key) << rule;
     }
 }
 
@@ -200,30 +174,25 @@ TEST(StrRStr, FindsTheLastOccurrenceOverlapsIncluded) {
 
 // Malformed or cut-short escapes stay as they are; nothing past the text is read.
 TEST(URLToString, DecodesEscapes) {
-    const struct {
-        const char* source;
-        const char* decoded;
-    } cases[] = {
-        {"/Volumes/My%20Disc/", "/Volumes/My Disc/"},
-        {"%41%2F%7E%C3%A9", "A/~\xC3\xA9"},
-        {"a%2fb", "a%2fb"},
-        {"a%zz", "a%zz"},
-        {"end%", "end%"},
-        {"end%4", "end%4"},
-        {"%%41", "%A"},
-        {"", ""},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [text, decoded] :
+         std::vector<std::pair<const char*, const char*>>{{"/Volumes/My%20Disc/", "/Volumes/My Disc/"},
+                                                          {"%41%2F%7E%C3%A9", "A/~\xC3\xA9"},
+                                                          {"a%2fb", "a%2fb"},
+                                                          {"a%zz", "a%zz"},
+                                                          {"end%", "end%"},
+                                                          {"end%4", "end%4"},
+                                                          {"%%41", "%A"},
+                                                          {"", ""}}) {
         // The source ends its heap block, so the address sanitizer sees a read past it.
-        size_t length = strlen(c.source);
+        size_t length = strlen(text);
         std::unique_ptr<char[]> source(new char[length + 1]);
-        memcpy(source.get(), c.source, length + 1);
+        memcpy(source.get(), text, length + 1);
         char destination[64];
         memset(destination, 0, sizeof destination);
         destination[length + 1] = '#';
-        EXPECT_TRUE(URLToString(source.get(), destination)) << c.source;
-        EXPECT_STREQ(c.decoded, destination) << c.source;
-        EXPECT_EQ('#', destination[length + 1]) << c.source;
+        EXPECT_TRUE(URLToString(source.get(), destination)) << text;
+        EXPECT_STREQ(decoded, destination) << text;
+        EXPECT_EQ('#', destination[length + 1]) << text;
     }
     char destination[4];
     EXPECT_FALSE(URLToString(NULL, destination));
@@ -240,26 +209,24 @@ TEST_F(Core, ModulePath) {
     const std::string nested = UseBundle("Contents/Launcher.app"),
                       escaped = UseBundle("My Disc/100% #1/L.app"), longest = UseBundle(deep + "/L.app"),
                       exe = "/Contents/MacOS/Launcher";
-    const struct {
-        const char* release;
-        std::string executable;
-        int size;
-        std::string path;
-    } cases[] = {
-        {"10.8.0", nested + exe, 1024, nested},   {"10.8.0", nested + exe, 11, nested.substr(0, 10)},
-        {"10.8.0", dir_ / "Launcher", 1024, ""},  {"10.8.0", longest + exe, 1024, ""},
-        {"10.8.0", nested + exe, 0, ""},          {"10.8.0", nested + exe, -5, ""},
-        {"8.11.1", escaped + exe, 1024, escaped}, {"8.11.1", escaped + exe, 8, escaped.substr(0, 7)},
-        {"8.11.1", longest + exe, 1024, longest},
-    };
-    for (const auto& c : cases) {
-        PlatSetOSRelease(c.release);
-        PlatSetExecutablePath(c.executable.c_str());
+    for (const auto& [release, executable, size, path] :
+         std::vector<std::tuple<const char*, std::string, int, std::string>>{
+             {"10.8.0", nested + exe, 1024, nested},
+             {"10.8.0", nested + exe, 11, nested.substr(0, 10)},
+             {"10.8.0", dir_ / "Launcher", 1024, ""},
+             {"10.8.0", longest + exe, 1024, ""},
+             {"10.8.0", nested + exe, 0, ""},
+             {"10.8.0", nested + exe, -5, ""},
+             {"8.11.1", escaped + exe, 1024, escaped},
+             {"8.11.1", escaped + exe, 8, escaped.substr(0, 7)},
+             {"8.11.1", longest + exe, 1024, longest}}) {
+        PlatSetOSRelease(release);
+        PlatSetExecutablePath(executable.c_str());
         char buffer[1024] = {};
-        EXPECT_EQ(!c.path.empty(), GetModulePath(buffer, c.size)) << c.executable << " " << c.size;
-        EXPECT_EQ(c.path, buffer);
-        EXPECT_EQ(std::string(sizeof buffer - c.path.size(), '\0'),
-                  std::string(buffer + c.path.size(), sizeof buffer - c.path.size()));
+        EXPECT_EQ(!path.empty(), GetModulePath(buffer, size)) << executable << " " << size;
+        EXPECT_EQ(path, buffer);
+        EXPECT_EQ(std::string(sizeof buffer - path.size(), '\0'),
+                  std::string(buffer + path.size(), sizeof buffer - path.size()));
     }
     EXPECT_FALSE(GetModulePath(NULL, 1024));
     EXPECT_EQ(Lines({"GetModulePath --- strrstr error.", "GetModulePath --- Get app path failed.",
@@ -323,23 +290,19 @@ TEST_F(Core, ProcessNamesMatchExactly) {
 
 // Releases with a major number below 9 are older than 10.5; a failed query is not.
 TEST_F(Core, OlderThan105) {
-    const struct {
-        const char* release;
-        bool older;
-        Lines log;
-    } cases[] = {
-        {"8.11.1", true, {}},
-        {"9.0.0", false, {}},
-        {"10.8.0", false, {}},
-        {"Darwin", true, {}}, // a first token that is no number reads as 0
-        {"", false, {"IsOldThanMacOS105 --- get kernelVersion failed"}},
-        {nullptr, false, {"IsOldThanMacOS105 --- sysctl1 failed", "IsOldThanMacOS105 --- len invalid"}},
-    };
-    for (const auto& c : cases) {
-        PlatSetOSRelease(c.release);
-        PlatSetOSReleaseQueryFails(c.release == nullptr);
-        EXPECT_EQ(c.older, IsOldThanMacOS105()) << (c.release ? c.release : "no answer");
-        EXPECT_EQ(c.log, Calls(TakeLog()));
+    for (const auto& [release, older, log] : std::vector<std::tuple<const char*, bool, Lines>>{
+             {"8.11.1", true, {}},
+             {"9.0.0", false, {}},
+             {"10.8.0", false, {}},
+             {"Darwin", true, {}}, // a first token that is no number reads as 0
+             {"", false, {"IsOldThanMacOS105 --- get kernelVersion failed"}},
+             {nullptr,
+              false,
+              {"IsOldThanMacOS105 --- sysctl1 failed", "IsOldThanMacOS105 --- len invalid"}}}) {
+        PlatSetOSRelease(release);
+        PlatSetOSReleaseQueryFails(release == nullptr);
+        EXPECT_EQ(older, IsOldThanMacOS105()) << (release ? release : "no answer");
+        EXPECT_EQ(log, Calls(TakeLog()));
     }
 }
 

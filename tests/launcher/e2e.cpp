@@ -16,89 +16,6 @@ using namespace launcher_test;
 
 namespace {
 
-constexpr int kRunLimitSeconds = 60;
-
-struct RunResult {
-    bool finished = false; // ended by itself within the limit
-    int status = -1;
-    time_t started = 0, ended = 0;
-    std::string output; // standard output and error, or the terminal's screen
-    std::vector<LogLine> log;
-};
-
-// Runs a program without display and with bin first on PATH. Without a terminal its input is
-// /dev/null; on one, `answer` is typed once `prompt` shows (an empty answer ends the input).
-RunResult RunProgram(const std::string& program, const std::string& bin, bool terminal,
-                     const std::string& prompt = "", const std::string& answer = "") {
-    RunResult run;
-    run.started = time(nullptr);
-    int reader = -1, ends[2] = {-1, -1};
-    struct winsize size = {30, 100, 0, 0};
-    pid_t child = terminal ? forkpty(&reader, nullptr, nullptr, &size) : pipe(ends) == 0 ? fork() : -1;
-    if (child == 0) {
-        if (!terminal) {
-            setpgid(0, 0);
-            dup2(open("/dev/null", O_RDONLY), 0);
-            dup2(ends[1], 1);
-            dup2(ends[1], 2);
-        }
-        unsetenv("DISPLAY");
-        unsetenv("WAYLAND_DISPLAY");
-        setenv("TERM", "xterm", 1);
-        setenv("PATH", (bin + ":" + (getenv("PATH") != nullptr ? getenv("PATH") : "/bin")).c_str(), 1);
-        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    if (!terminal) {
-        reader = ends[0];
-        close(ends[1]);
-    }
-    EXPECT_GT(child, 0);
-    if (child < 0) {
-        return run;
-    }
-    // Read until the program has ended and its output is drained, or the limit has passed.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kRunLimitSeconds);
-    bool answered = prompt.empty(), ended = false, readable = true;
-    int status = 0;
-    while (std::chrono::steady_clock::now() < deadline) {
-        struct pollfd ready = {reader, POLLIN, 0};
-        bool data = readable && poll(&ready, 1, 50) > 0;
-        if (data) {
-            char buffer[4096];
-            ssize_t got = read(reader, buffer, sizeof buffer);
-            readable = got > 0;
-            run.output.append(buffer, got > 0 ? got : 0);
-        } else if (!readable) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        if (!answered && run.output.find(prompt) != std::string::npos) {
-            answered = true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            struct termios modes;
-            std::string typed = !answer.empty()                  ? answer
-                                : tcgetattr(reader, &modes) == 0 ? std::string(1, modes.c_cc[VEOF])
-                                                                 : "\x04";
-            EXPECT_EQ(static_cast<ssize_t>(typed.size()), write(reader, typed.data(), typed.size()));
-        }
-        ended = ended || waitpid(child, &status, WNOHANG) == child;
-        if (ended && (!readable || !data)) {
-            break;
-        }
-    }
-    if (!ended) {
-        kill(-child, SIGKILL);
-        waitpid(child, &status, 0);
-    }
-    close(reader);
-    run.finished = ended;
-    run.status = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.ended = time(nullptr);
-    EXPECT_TRUE(run.finished) << program << " did not end within " << kRunLimitSeconds << " s\n"
-                              << run.output;
-    return run;
-}
-
 bool WaitForFile(const std::string& path) {
     for (int i = 0; i < 100 && !fs::exists(path); i++) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -106,22 +23,28 @@ bool WaitForFile(const std::string& path) {
     return fs::exists(path);
 }
 
+struct RunResult {
+    int status = -1;
+    time_t started = time(nullptr), ended = 0;
+    std::string output; // standard output and error, or the terminal's screen
+    std::vector<LogLine> log;
+};
+
 class EndToEnd : public ::testing::Test {
   protected:
     void SetUp() override {
         // The recording open passes the call on to the real one.
         WriteFile(bin_ + "/open",
-                  "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done >> '" + (temp_ / "open.args") +
-                      "'\nexec '" + KESTRUN_BUILD_DIR + "/bin/open' \"$@\"\n",
+                  "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done >> '" + opened_ +
+                      "'\nexec '" KESTRUN_BUILD_DIR "/bin/open' \"$@\"\n",
                   true);
     }
-
     // The built bundle at temp/relative, with a package configuration if given, AutoSetup and
     // an installer script that reports what it found.
     std::string Disc(const std::string& relative, const std::string& package, bool autoSetup = true) {
         std::string bundle = temp_ / relative;
         fs::create_directories(bundle);
-        fs::copy(std::string(KESTRUN_BUILD_DIR) + "/Launcher.app", bundle, fs::copy_options::recursive);
+        fs::copy(KESTRUN_BUILD_DIR "/Launcher.app", bundle, fs::copy_options::recursive);
         fs::remove_all(bundle + "/Contents/Resources/Vantorel.mpkg");
         if (!package.empty()) {
             WriteFile(bundle + kPkgConfig, package);
@@ -130,28 +53,87 @@ class EndToEnd : public ::testing::Test {
             WriteFile(bundle + "/Contents/AutoSetup", "#!/bin/sh\n", true);
         }
         WriteFile(bundle + "/Contents/run_local_kestrun",
-                  "#!/bin/sh\nreport='" + Report() +
-                      "'\necho \"args=$#\" > \"$report\"\n"
-                      "[ -d /tmp/qv_tmp_vantorel.mpkg ] && echo staged >> \"$report\"\n"
-                      "[ -x /tmp/AutoSetup ] && echo autosetup >> \"$report\"\nexit 0\n",
+                  "#!/bin/sh\necho \"args=$#\" > '" + report_ + "'\n[ -d " + kStaged +
+                      " ] && echo staged >> '" + report_ + "'\n[ -x /tmp/AutoSetup ] && echo autosetup >> '" +
+                      report_ + "'\nexit 0\n",
                   true);
         return bundle;
     }
-    // The installed application, in the layout of a package with DebugVersion set; its
-    // program leaves a mark when started.
+    // The installed application in the layout of a package with DebugVersion set; its program
+    // leaves a mark when started.
     void Install(const std::string& versions) {
-        WriteFile(app_ + "/Contents/Info.plist", "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict>"
-                                                 "<key>CFBundleExecutable</key><string>Vantorel</string>"
-                                                 "</dict></plist>\n");
+        WriteFile(app_ + "/Contents/Info.plist", "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
+                                                 "<string>Vantorel</string></dict></plist>\n");
         WriteFile(app_ + "/Contents/Resources/SysConfig.dat", versions);
-        WriteFile(app_ + "/Contents/MacOS/Vantorel", "#!/bin/sh\ntouch '" + Started() + "'\n", true);
+        WriteFile(app_ + "/Contents/MacOS/Vantorel", "#!/bin/sh\ntouch '" + started_ + "'\n", true);
     }
+    // Runs the bundle's launcher without display, within a time limit. Without a terminal its
+    // input is /dev/null; on one, `answer` is typed once `prompt` shows (empty: end of input).
     RunResult Launch(const std::string& bundle, bool terminal = false, const std::string& prompt = "",
                      const std::string& answer = "") {
-        for (const std::string& path : {kLogFile, Report(), Started(), temp_ / "open.args"}) {
+        for (const std::string& path : {kLogFile, report_, started_, opened_}) {
             fs::remove(path);
         }
-        RunResult run = RunProgram(bundle + "/Contents/MacOS/Launcher", bin_, terminal, prompt, answer);
+        RunResult run;
+        const std::string program = bundle + "/Contents/MacOS/Launcher";
+        int reader = -1, ends[2] = {-1, -1};
+        struct winsize size = {30, 100, 0, 0};
+        pid_t child = terminal ? forkpty(&reader, nullptr, nullptr, &size) : pipe(ends) == 0 ? fork() : -1;
+        if (child == 0) {
+            if (!terminal) {
+                setpgid(0, 0);
+                dup2(open("/dev/null", O_RDONLY), 0);
+                dup2(ends[1], 1);
+                dup2(ends[1], 2);
+            }
+            unsetenv("DISPLAY");
+            unsetenv("WAYLAND_DISPLAY");
+            setenv("TERM", "xterm", 1);
+            setenv("PATH", (bin_ + ":" + getenv("PATH")).c_str(), 1);
+            execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        if (!terminal) {
+            reader = ends[0];
+            close(ends[1]);
+        }
+        // Read until the launcher has ended and its output is drained, or the limit has passed.
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        bool answered = prompt.empty(), ended = false, readable = child > 0;
+        int status = 0;
+        while (child > 0 && std::chrono::steady_clock::now() < deadline) {
+            struct pollfd ready = {reader, POLLIN, 0};
+            bool data = readable && poll(&ready, 1, 50) > 0;
+            if (data) {
+                char buffer[4096];
+                ssize_t got = read(reader, buffer, sizeof buffer);
+                readable = got > 0;
+                run.output.append(buffer, got > 0 ? got : 0);
+            } else if (!readable) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            if (!answered && run.output.find(prompt) != std::string::npos) {
+                answered = true;
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                struct termios modes;
+                std::string typed = !answer.empty()                  ? answer
+                                    : tcgetattr(reader, &modes) == 0 ? std::string(1, modes.c_cc[VEOF])
+                                                                     : "\x04";
+                EXPECT_EQ(static_cast<ssize_t>(typed.size()), write(reader, typed.data(), typed.size()));
+            }
+            ended = ended || waitpid(child, &status, WNOHANG) == child;
+            if (ended && !data) {
+                break;
+            }
+        }
+        if (child > 0 && !ended) {
+            kill(-child, SIGKILL);
+            waitpid(child, &status, 0);
+        }
+        close(reader);
+        EXPECT_TRUE(ended) << "the launcher did not end within its time limit\n" << run.output;
+        run.status = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        run.ended = time(nullptr);
         EXPECT_EQ(0, run.status) << run.output;
         run.log = ReadLog(kLogFile);
         return run;
@@ -168,13 +150,11 @@ class EndToEnd : public ::testing::Test {
             EXPECT_TRUE(run.log[i].tag == "main" || run.log[i].tag == "INI") << run.log[i].tag;
         }
     }
-    std::string Opened() const { return ReadFile(temp_ / "open.args"); }
-    std::string Report() const { return temp_ / "script.txt"; }
-    std::string Started() const { return temp_ / "started"; }
 
     FixedPathGuard log_{kLogFile}, staged_{kStaged}, autoSetup_{kAutoSetupCopy};
     TempDir temp_;
     std::string bin_ = temp_ / "bin", app_ = temp_ / "Applications/Vantorel Client.app";
+    std::string opened_ = temp_ / "open.args", report_ = temp_ / "script.txt", started_ = temp_ / "started";
 };
 
 } // namespace
@@ -221,8 +201,8 @@ TEST_F(EndToEnd, Decisions) {
         Lines lines = Calls(run.log);
         lines.resize(outcome == "INSTALL" ? std::min(lines.size(), expected.size()) : lines.size());
         EXPECT_EQ(expected, lines);
-        EXPECT_EQ(opened, Opened()); // an empty application path is opened as it is
-        EXPECT_TRUE(outcome != "LAUNCH" || WaitForFile(Started()));
+        EXPECT_EQ(opened, ReadFile(opened_)); // an empty application path is opened as it is
+        EXPECT_TRUE(outcome != "LAUNCH" || WaitForFile(started_));
         EXPECT_EQ(outcome == "STOP", fs::exists(kStaged + "/Contents")); // STOP leaves it alone
     }
 }
@@ -241,7 +221,7 @@ TEST_F(EndToEnd, ApplicationPathsAtTheCommandLimit) {
         RunResult run =
             Launch(Disc("disc" + std::to_string(length) + "/L.app", SysConfig(0, 0, 0, 0, 0, 0, app)));
         EXPECT_EQ("AutoRunApplication --- AutoRunApplication end......", Calls(run.log, "main").back());
-        EXPECT_EQ(length == 1013 ? "-a\n" + app + "\n" : "", Opened()) << length;
+        EXPECT_EQ(length == 1013 ? "-a\n" + app + "\n" : "", ReadFile(opened_)) << length;
     }
 }
 
@@ -259,8 +239,8 @@ TEST_F(EndToEnd, DashboardInstall) {
              {"AutoSetup running", true, true, true, "no", false, false, "",
               "AutoSetup process is Exist,quite installation......"},
              {"AutoSetup missing", true, false, false, "no", false, true, "", "copy mpkg not showprogress"},
-             {"no package", false, true, false, "no", false, false, "", "File: " + kStaged + " isn't exist"},
-         }) {
+             {"no package", false, true, false, "no", false, false, "",
+              "File: " + kStaged + " isn't exist"}}) {
         SCOPED_TRACE(name);
         fs::remove_all(kStaged);
         fs::remove_all(kAutoSetupCopy);
@@ -269,7 +249,7 @@ TEST_F(EndToEnd, DashboardInstall) {
         std::unique_ptr<NamedProcess> other(running ? new NamedProcess(temp_ / "r", "AutoSetup") : nullptr);
         RunResult run = Launch(bundle, terminal);
         EXPECT_GE(FindMessage(run.log, message, FindMessage(run.log, "**Install from dashboard path**")), 0);
-        EXPECT_EQ(report, ReadFile(Report()));
+        EXPECT_EQ(report, ReadFile(report_));
         EXPECT_EQ(staged, fs::exists(kStaged));
         EXPECT_TRUE(!terminal ||
                     run.output.find("ProgressWindowHandler: event handled!") != std::string::npos)
@@ -284,7 +264,7 @@ TEST_F(EndToEnd, OthersPathInstall) {
     int others = FindMessage(run.log, "**Install from others path**");
     EXPECT_GT(FindMessage(run.log, "AutoRunApplication end......", others), others);
     EXPECT_FALSE(fs::exists(kStaged));
-    EXPECT_EQ("-a\n" + app_ + "\n", Opened());
+    EXPECT_EQ("-a\n" + app_ + "\n", ReadFile(opened_));
 }
 
 // An installed copy older than the package: the question box, on a terminal or nowhere.
@@ -306,8 +286,8 @@ TEST_F(EndToEnd, QuestionBox) {
                              : failed >= 0 && run.log[failed].function == "MessageBox")
             << run.output;
         EXPECT_EQ(installs, FindMessage(run.log, "AutoInstallPkg Enter") >= 0) << run.output;
-        EXPECT_EQ(installs, fs::exists(Report()));
-        EXPECT_TRUE(installs || WaitForFile(Started())) << run.output;
+        EXPECT_EQ(installs, fs::exists(report_));
+        EXPECT_TRUE(installs || WaitForFile(started_)) << run.output;
     }
 }
 

@@ -49,6 +49,7 @@ void ForgetPendingQuit() {
 }
 
 using Install = InProcess;
+using Show = void (*)();
 
 } // namespace
 
@@ -71,18 +72,15 @@ TEST_F(Install, StagingQuotesTheSourceAndRemovesTheOldCopyFirst) {
 // Away from "/Volumes" (case counts) the Installer of the running system is used.
 TEST_F(Install, OthersPathRunsTheInstallerOfTheSystem) {
     std::string bundle = UseBundle("volumes/Disc/Launcher.app");
-    const struct {
-        const char* release;
-        std::string installer;
-    } cases[] = {{"8.11.1", kOldInstaller}, {"9.0.0", kNewInstaller}, {nullptr, kNewInstaller}};
-    for (const auto& c : cases) {
-        PlatSetOSRelease(c.release);
-        PlatSetOSReleaseQueryFails(c.release == nullptr);
+    for (const auto& [release, installer] : std::vector<std::pair<const char*, std::string>>{
+             {"8.11.1", kOldInstaller}, {"9.0.0", kNewInstaller}, {nullptr, kNewInstaller}}) {
+        PlatSetOSRelease(release);
+        PlatSetOSReleaseQueryFails(release == nullptr);
         AutoInstallPkg(false);
-        EXPECT_EQ(Lines({kRemoval, PackageCopy(bundle), c.installer, kRemoval, kOpenApp}), TakeCommands());
+        EXPECT_EQ(Lines({kRemoval, PackageCopy(bundle), installer, kRemoval, kOpenApp}), TakeCommands());
         EXPECT_EQ(1, TakeSignals());
         std::vector<LogLine> log = TakeLog();
-        EXPECT_GE(FindMessage(log, "installerPath:" + c.installer + "."),
+        EXPECT_GE(FindMessage(log, "installerPath:" + installer + "."),
                   FindMessage(log, "**Install from others path**"));
         EXPECT_EQ(-1, FindMessage(log, "**Install from dashboard path**"));
     }
@@ -94,21 +92,21 @@ TEST_F(Install, DashboardPathHandsOverToTheScript) {
     FixedPathGuard staged(kStaged);
     std::string bundle = UseBundle("Users/me/Volumes/Kestrun 100% Disc/Launcher.app");
     const std::string script = "\"" + bundle + "/Contents/run_local_kestrun\"";
-    const struct { bool autoSetup, stagedPackage; } cases[] = {{true, true}, {false, true}, {true, false}};
-    for (const auto& c : cases) {
+    for (const auto& [autoSetup, stagedPackage] :
+         std::vector<std::pair<bool, bool>>{{true, true}, {false, true}, {true, false}}) {
         fs::remove(bundle + "/Contents/AutoSetup");
         fs::remove_all(kStaged);
-        if (c.autoSetup) {
+        if (autoSetup) {
             WriteFile(bundle + "/Contents/AutoSetup", "#!/bin/sh\n", true);
         }
-        if (c.stagedPackage) {
+        if (stagedPackage) {
             fs::create_directories(kStaged + "/Contents");
         }
         ForgetProcessTable();
         AutoInstallPkg(false);
 
         Lines expected = {kRemoval, PackageCopy(bundle), AutoSetupCopy(bundle)};
-        if (c.autoSetup && c.stagedPackage) {
+        if (autoSetup && stagedPackage) {
             expected.push_back(script);
         }
         EXPECT_EQ(expected, TakeCommands());
@@ -122,7 +120,7 @@ TEST_F(Install, DashboardPathHandsOverToTheScript) {
         ASSERT_GT(copy, loopExit);
         EXPECT_GT(loopExit, noProgress);
         EXPECT_EQ("copytolocal", log[copy].function);
-        EXPECT_EQ(c.autoSetup && c.stagedPackage, FindMessage(log, "Run Script,path: " + script) > copy);
+        EXPECT_EQ(autoSetup && stagedPackage, FindMessage(log, "Run Script,path: " + script) > copy);
     }
 }
 
@@ -154,47 +152,41 @@ TEST_F(Install, BoxAnswers) {
         "This version of Vantorel is already installed on this computer. Choose Yes to start it.";
     auto messageBox = [] { MessageBox("NEW_VERSION_CONFIRM"); };
     auto messageBoxR7 = [] { MessageBoxR7("NEW_VERSION_CONFIRM"); };
-    const struct {
-        const char* window;
-        void (*show)();
-        PlatScriptAction action;
-        OSType control;
-        bool installs;
-        ControlRef* later;
-        size_t laterCommands;
-    } cases[] = {
-        {"MessageBox", messageBox, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef, 0},
-        {"MessageBox", messageBox, kPlatScriptPressControl, 'NO11', false, &g_msgBoxNoRef, 0},
-        {"MessageBox", messageBox, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
-        {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef, 0},
-        {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'NO11', false, &g_msgBoxYesRef, 0},
-        {"MessageBox_Installed", messageBoxR7, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
-        {"WarnningBox_Installed", WarningBoxR7, kPlatScriptPressControl, 'YES2', false, &g_msgBoxYesRef, 0},
-        {"WarnningBox_Installed", WarningBoxR7, kPlatScriptClose, 0, false, nullptr, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.window) + (c.action == kPlatScriptClose ? " close" : " button"));
+    for (const auto& [window, show, action, control, installs, later, laterCommands] :
+         std::vector<std::tuple<const char*, Show, PlatScriptAction, OSType, bool, ControlRef*, size_t>>{
+             {"MessageBox", messageBox, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef, 0},
+             {"MessageBox", messageBox, kPlatScriptPressControl, 'NO11', false, &g_msgBoxNoRef, 0},
+             {"MessageBox", messageBox, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
+             {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef,
+              0},
+             {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'NO11', false, &g_msgBoxYesRef,
+              0},
+             {"MessageBox_Installed", messageBoxR7, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
+             {"WarnningBox_Installed", WarningBoxR7, kPlatScriptPressControl, 'YES2', false, &g_msgBoxYesRef,
+              0},
+             {"WarnningBox_Installed", WarningBoxR7, kPlatScriptClose, 0, false, nullptr, 0}}) {
+        SCOPED_TRACE(std::string(window) + (action == kPlatScriptClose ? " close" : " button"));
         ForgetPendingQuit();
-        PlatScriptSetAction(c.window, c.action, c.control, 1);
-        c.show();
+        PlatScriptSetAction(window, action, control, 1);
+        show();
         RunApplicationEventLoop();
         Lines commands = TakeCommands();
         std::vector<LogLine> log = TakeLog();
-        EXPECT_EQ(c.installs ? 5u : 1u, commands.size());
+        EXPECT_EQ(installs ? 5u : 1u, commands.size());
         EXPECT_EQ(kOpenApp, commands.back());
-        EXPECT_EQ(c.installs, FindMessage(log, "AutoInstallPkg Enter") >= 0);
-        if (c.action == kPlatScriptClose) {
+        EXPECT_EQ(installs, FindMessage(log, "AutoInstallPkg Enter") >= 0);
+        if (action == kPlatScriptClose) {
             int closed =
                 FindMessage(log, "Close messageBox window", FindMessage(log, "AutoRunApplication end......"));
             ASSERT_GT(closed, 0);
             EXPECT_EQ("CloseWindowHandle", log[closed].function);
         } else {
-            EXPECT_EQ(!c.installs, PlatScriptIsVisible(c.window)); // only Yes takes the box down
-            EXPECT_EQ(c.installs ? "" : c.window[0] == 'W' ? installed : newVersion, ControlText(c.window));
+            EXPECT_EQ(!installs, PlatScriptIsVisible(window)); // only Yes takes the box down
+            EXPECT_EQ(installs ? "" : window[0] == 'W' ? installed : newVersion, ControlText(window));
         }
-        if (c.later != nullptr) {
-            SendHit(*c.later);
-            EXPECT_EQ(c.laterCommands, TakeCommands().size());
+        if (later != nullptr) {
+            SendHit(*later);
+            EXPECT_EQ(laterCommands, TakeCommands().size());
         }
     }
 }
@@ -219,29 +211,23 @@ TEST_F(Install, BoxIgnoresOtherHits) {
 
 // Nobody can answer a box without a window: it acts as its close box, and the loop ends.
 TEST_F(Install, BoxWithoutWindowStartsTheApplication) {
-    const struct {
-        const char* nib;
-        const char* function;
-        void (*show)();
-    } cases[] = {
-        {"<nib><window name=\"Other\" title=\"x\"/></nib>\n", "MessageBox",
-         [] { MessageBox("NEW_VERSION_CONFIRM"); }},
-        {"<nib></nib>\n", "MessageBoxR7", [] { MessageBoxR7("DIFFERENT_VERSION_CONFIRM"); }},
-        {nullptr, "WarningBoxR7", WarningBoxR7},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [nib, function, show] : std::vector<std::tuple<const char*, const char*, Show>>{
+             {"<nib><window name=\"Other\" title=\"x\"/></nib>\n", "MessageBox",
+              [] { MessageBox("NEW_VERSION_CONFIRM"); }},
+             {"<nib></nib>\n", "MessageBoxR7", [] { MessageBoxR7("DIFFERENT_VERSION_CONFIRM"); }},
+             {nullptr, "WarningBoxR7", WarningBoxR7}}) {
         fs::remove(bundle_ + "/Contents/Resources/main.nib");
-        if (c.nib != nullptr) {
-            WriteFile(bundle_ + "/Contents/Resources/main.nib", c.nib);
+        if (nib != nullptr) {
+            WriteFile(bundle_ + "/Contents/Resources/main.nib", nib);
         }
         ForgetPendingQuit();
-        c.show();
+        show();
         RunApplicationEventLoop();
-        EXPECT_EQ(Lines{kOpenApp}, TakeCommands()) << c.function;
+        EXPECT_EQ(Lines{kOpenApp}, TakeCommands()) << function;
         std::vector<LogLine> log = TakeLog();
         int failed = FindMessage(log, "CreateWindowFromNib failed");
-        ASSERT_GE(failed, 0) << c.function;
-        EXPECT_EQ(c.function, log[failed].function);
+        ASSERT_GE(failed, 0) << function;
+        EXPECT_EQ(function, log[failed].function);
     }
 }
 

@@ -18,6 +18,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #ifdef KESTRUN_IN_PROCESS
@@ -209,9 +210,6 @@ class InProcess : public ::testing::Test {
     std::string UseBundle(const std::string& relative) {
         std::string bundle = dir_ / relative;
         WriteFile(bundle + "/Contents/MacOS/Launcher", "");
-        WriteFile(bundle + "/Contents/Info.plist",
-                  "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key><string>Launcher</string>"
-                  "</dict></plist>\n");
         PlatSetExecutablePath((bundle + "/Contents/MacOS/Launcher").c_str());
         return bundle;
     }
