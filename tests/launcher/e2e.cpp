@@ -295,23 +295,20 @@ TEST_F(EndToEnd, QuestionBox) {
 TEST(OpenCommand, StartsDetachedOrExplains) {
     TempDir temp;
     const std::string app = temp / "Some App.app", begun = temp / "begun", ended = temp / "ended";
-    WriteFile(app + "/Contents/Info.plist", "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict><key>"
-                                            "CFBundleExecutable</key><string>run</string></dict></plist>\n");
+    WriteFile(app + "/Contents/Info.plist",
+              "<plist><dict><key>CFBundleExecutable</key><string>run</string></dict></plist>\n");
     WriteFile(app + "/Contents/MacOS/run",
               "#!/bin/sh\ntouch '" + begun + "'\nsleep 2\ntouch '" + ended + "'\n", true);
     for (const auto& [arguments, message] : std::vector<std::pair<std::string, std::string>>{
              {"-a '" + app + "'", ""},
              {"-a '" + temp.path + "/missing.app'", "no such application"},
              {"-a '" + begun + "'", "neither an application bundle nor an executable"},
-             {"-a '" + temp.path + "'", "Info.plist: no such file"},
              {"'" + app + "'", "usage: open -a APPLICATION"}}) {
-        int status = system((KESTRUN_BUILD_DIR "/bin/open " + arguments + " </dev/null >/dev/null 2>'" +
-                             temp.path + "/errors'")
-                                .c_str());
+        std::string command =
+            KESTRUN_BUILD_DIR "/bin/open " + arguments + " </dev/null 2>'" + temp.path + "/errors'";
+        EXPECT_EQ(message.empty() ? 0 : 1, WEXITSTATUS(system(command.c_str()))) << arguments;
         std::string errors = ReadFile(temp / "errors");
-        EXPECT_EQ(message.empty() ? 0 : 1, WEXITSTATUS(status)) << arguments;
-        EXPECT_EQ(message.empty(), errors.empty()) << errors;
-        EXPECT_NE(std::string::npos, errors.find(message)) << arguments << ": " << errors;
+        EXPECT_TRUE(message.empty() ? errors.empty() : errors.find(message) != std::string::npos) << errors;
         EXPECT_TRUE(!message.empty() || (WaitForFile(begun) && !fs::exists(ended))); // back while it runs
     }
 }
