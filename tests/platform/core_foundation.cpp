@@ -55,7 +55,6 @@ TEST(CFBundle, MainBundlePathsAndURLText) {
         EXPECT_FALSE(CFURLGetFileSystemRepresentation(url, true, buffer.data(), CFIndex(buffer.size())));
         CFRelease(url);
     }
-    PlatSetExecutablePath(nullptr);
 }
 
 // The language comes from LC_ALL, LC_MESSAGES or LANG; each test sets all three.

@@ -61,11 +61,12 @@ TEST(MPSemaphore, CountsTimeOutsAndIdentifiers) {
     EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
 }
 
-// ProcessInfoRec as the Mac lays it out in 64 bits.
+// The records as the 64-bit Mac lays them out.
 static_assert(sizeof(ProcessInfoRec) == 72 && offsetof(ProcessInfoRec, processName) == 4);
 static_assert(offsetof(ProcessInfoRec, processNumber) == 12 &&
               offsetof(ProcessInfoRec, processLauncher) == 48);
-static_assert(offsetof(ProcessInfoRec, processAppRef) == 64);
+static_assert(offsetof(ProcessInfoRec, processAppRef) == 64 && sizeof(struct kinfo_proc) == 648);
+static_assert(offsetof(struct kinfo_proc, kp_proc.p_comm) == 243);
 
 std::vector<struct kinfo_proc> ProcessTable() {
     int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};

@@ -7,11 +7,11 @@ namespace {
 
 class EventsTest : public UiTest {
   protected:
-    // Sends an event of type spec about object (of type objectType) to target.
+    // Sends an event of the given type about object (of type objectType) to target.
     template <typename T>
-    OSStatus Send(EventTypeSpec spec, EventParamType objectType, T object, EventTargetRef target) {
+    OSStatus Send(EventTypeSpec type, EventParamType objectType, T object, EventTargetRef target) {
         EventRef event = nullptr;
-        CreateEvent(nullptr, spec.eventClass, spec.eventKind, 0, 0, &event);
+        CreateEvent(nullptr, type.eventClass, type.eventKind, 0, 0, &event);
         SetEventParameter(event, kEventParamDirectObject, objectType, sizeof object, &object);
         OSStatus status = SendEventToEventTarget(event, target);
         ReleaseEvent(event);
