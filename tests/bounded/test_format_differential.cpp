@@ -38,38 +38,14 @@ bool CompareOne(const char* flags, bool precision, const char* size, char conver
     for (int i = Below(4); i > 0; --i) {
         format += flags[Below(static_cast<int>(strlen(flags)))];
     }
-    int stars = 0;
-    switch (Below(3)) {
-    case 1:
-        format += std::to_string(Below(30) + 1);
-        break;
-    case 2:
-        format += "*";
-        stars |= 1;
-    }
-    switch (precision ? Below(4) : 0) {
-    case 1:
-        format += ".";
-        break;
-    case 2:
-        format += "." + std::to_string(Below(30));
-        break;
-    case 3:
-        format += ".*";
-        stars |= 2;
-    }
-    format += size + std::string(1, conversion) + literals[Below(7)];
-    int width = Below(61) - 30, digits = Below(34) - 3;
-    switch (stars) {
-    case 0:
-        return Compare(format, value);
-    case 1:
-        return Compare(format, width, value);
-    case 2:
-        return Compare(format, digits, value);
-    default:
-        return Compare(format, width, digits, value);
-    }
+    const std::string widths[] = {"", std::to_string(Below(30) + 1), "*"};
+    const std::string precisions[] = {"", ".", "." + std::to_string(Below(30)), ".*"};
+    int w = Below(3), p = precision ? Below(4) : 0, width = Below(61) - 30, digits = Below(34) - 3;
+    format += widths[w] + precisions[p] + size + conversion + literals[Below(7)];
+    bool starWidth = w == 2, starPrecision = p == 3;
+    return !starWidth      ? (starPrecision ? Compare(format, digits, value) : Compare(format, value))
+           : starPrecision ? Compare(format, width, digits, value)
+                           : Compare(format, width, value);
 }
 
 // Short and long values alike: a random number of significant bits.
@@ -119,6 +95,7 @@ TEST(FormatDifferential, NothingCarriesOverFromOneConversionToTheNext) {
     Compare("%-+08.3d|%#o|%x|%5s|%c|%-6hhd|%lld|%e|%%", -42, 8u, 255u, "ab", 'z', 300, -1LL, 0.25);
     Compare("%#x %x %+d %d %05d %d %.2s %s", 255u, 255u, 5, 5, 7, 7, "abc", "abc");
     Compare("%*d|%d|%-*d|%d|%.*f|%f", 6, 1, 2, -6, 3, 4, 2, 1.5, 1.5);
+    Compare("%*.*f|%d|%-*g|", 12, 3, -2.5, 7, -8, 0.5);
 }
 
 } // namespace
