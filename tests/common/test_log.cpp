@@ -80,6 +80,7 @@ TEST(Log, NumbersStartAtOneAndRunOnAcrossInitCloseAndLostLines) {
         }
         fprintf(stderr, "%s%s", seen.c_str(),
                 std::filesystem::exists(dir.File("no-such-dir")) ? " dir made" : "");
+        std::filesystem::remove_all(dir.path, dir.ignored); // _exit skips the destructor
         _exit(0);
     };
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "^old content\n1 one\\|3 two\\|$"); // appended to
