@@ -16,11 +16,11 @@ extern "C" {
 #endif
 
 #define BOUNDED_OK 0
-#define BOUNDED_EINVAL 22           /* dest is null: untouched */
-#define BOUNDED_ERANGE 34           /* destMax is 0 or above BOUNDED_MAX_LEN: untouched */
-#define BOUNDED_EINVAL_RESET 150    /* src is null or dest unterminated: reset */
-#define BOUNDED_ERANGE_RESET 162    /* count or result does not fit: reset */
-#define BOUNDED_EOVERLAP_RESET 182  /* source and destination overlap: reset */
+#define BOUNDED_EINVAL 22          /* dest is null: untouched */
+#define BOUNDED_ERANGE 34          /* destMax is 0 or above BOUNDED_MAX_LEN: untouched */
+#define BOUNDED_EINVAL_RESET 150   /* src is null or dest unterminated: reset */
+#define BOUNDED_ERANGE_RESET 162   /* count or result does not fit: reset */
+#define BOUNDED_EOVERLAP_RESET 182 /* source and destination overlap: reset */
 
 #define BOUNDED_MAX_LEN 0x7FFFFFFFUL
 

@@ -30,9 +30,9 @@ const char* PlatGetBackendName(void); /* null until chosen */
 
 /* ---- The scripted backend: what the "user" does once a window is shown ---- */
 typedef enum {
-    kPlatScriptNothing = 0,     /* leave the window up */
-    kPlatScriptPressControl,    /* a hit on control {signature, id} */
-    kPlatScriptClose            /* the close box */
+    kPlatScriptNothing = 0,  /* leave the window up */
+    kPlatScriptPressControl, /* a hit on control {signature, id} */
+    kPlatScriptClose         /* the close box */
 } PlatScriptAction;
 
 /* Set the answer for windows created from the nib window of that name. The
@@ -41,8 +41,8 @@ void PlatScriptSetAction(const char* windowName, PlatScriptAction action, OSType
 void PlatScriptReset(void); /* forget every answer and every record */
 
 /* What is and was shown, by nib window name. */
-int PlatScriptShowCount(const char* windowName);      /* times ShowWindow made it visible */
-Boolean PlatScriptIsVisible(const char* windowName);  /* a live window of that name is visible */
+int PlatScriptShowCount(const char* windowName);     /* times ShowWindow made it visible */
+Boolean PlatScriptIsVisible(const char* windowName); /* a live window of that name is visible */
 /* The text of control {signature, id} in the live window of that name, UTF-8.
  * False when there is no such window or control. */
 Boolean PlatScriptGetControlText(const char* windowName, OSType signature, SInt32 id, char* buffer,

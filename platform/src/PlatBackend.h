@@ -30,9 +30,9 @@ typedef struct PlatControlInfo {
     PlatControlKind kind;
     PlatRect frame;
     ControlID id;
-    const char* text;          /* UTF-8: static text, or a button's caption */
-    Boolean isDefault;         /* push button pressed by Return */
-    Boolean indeterminate;     /* progress indicator */
+    const char* text;      /* UTF-8: static text, or a button's caption */
+    Boolean isDefault;     /* push button pressed by Return */
+    Boolean indeterminate; /* progress indicator */
     /* image view: decoded picture as 8-bit RGBA rows, or null */
     const unsigned char* rgba;
     size_t imageWidth, imageHeight;
@@ -40,8 +40,8 @@ typedef struct PlatControlInfo {
 
 typedef struct PlatWindowInfo {
     WindowRef window;
-    const char* nibName;   /* name of the window in the nib */
-    const char* title;     /* UTF-8 */
+    const char* nibName; /* name of the window in the nib */
+    const char* title;   /* UTF-8 */
     int width, height;
     Boolean hasCloseBox;
     size_t controlCount;

@@ -32,7 +32,8 @@ typedef OSType EventParamType;
 typedef UInt16 MenuItemIndex;
 typedef SInt16 ControlPartCode;
 
-typedef OSStatus (*EventHandlerProcPtr)(EventHandlerCallRef inHandlerCallRef, EventRef inEvent, void* inUserData);
+typedef OSStatus (*EventHandlerProcPtr)(EventHandlerCallRef inHandlerCallRef, EventRef inEvent,
+                                        void* inUserData);
 typedef EventHandlerProcPtr EventHandlerUPP;
 
 typedef struct EventTypeSpec {
@@ -60,11 +61,7 @@ enum {
 enum { kEventCommandProcess = 1 };
 enum { kEventControlHit = 1 };
 enum { kEventWindowClose = 72 };
-enum {
-    kEventParamDirectObject = '----',
-    kEventParamControlPart = 'cprt',
-    kEventParamKeyModifiers = 'kmod'
-};
+enum { kEventParamDirectObject = '----', kEventParamControlPart = 'cprt', kEventParamKeyModifiers = 'kmod' };
 enum {
     typeControlRef = 'ctrl',
     typeWindowRef = 'wind',
@@ -89,11 +86,11 @@ EventTargetRef GetWindowEventTarget(WindowRef inWindow);
 EventTargetRef GetControlEventTarget(ControlRef inControl);
 EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject);
 
-#define InstallApplicationEventHandler(h, n, l, u, r) \
+#define InstallApplicationEventHandler(h, n, l, u, r)                                                        \
     InstallEventHandler(GetApplicationEventTarget(), (h), (n), (l), (u), (r))
-#define InstallWindowEventHandler(t, h, n, l, u, r) \
+#define InstallWindowEventHandler(t, h, n, l, u, r)                                                          \
     InstallEventHandler(GetWindowEventTarget(t), (h), (n), (l), (u), (r))
-#define InstallControlEventHandler(t, h, n, l, u, r) \
+#define InstallControlEventHandler(t, h, n, l, u, r)                                                         \
     InstallEventHandler(GetControlEventTarget(t), (h), (n), (l), (u), (r))
 #define GetEventTypeCount(t) (sizeof((t)) / sizeof(EventTypeSpec))
 
