@@ -434,6 +434,11 @@ OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outCont
     return GetControlByID(window, &inID, outControl);
 }
 
+/* Static texts and push buttons (their captions) hold the CFString text tag. */
+static bool CarriesText(const ControlRec& rec) {
+    return !rec.isRoot && (rec.kind == kPlatControlStaticText || rec.kind == kPlatControlPushButton);
+}
+
 OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, Size inSize,
                      const void* inData) {
     if (inData == nullptr) {
@@ -447,9 +452,7 @@ OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, S
         if (rec == nullptr) {
             return paramErr;
         }
-        bool hasText =
-            !rec->isRoot && (rec->kind == kPlatControlStaticText || rec->kind == kPlatControlPushButton);
-        if (inTagName != kControlStaticTextCFStringTag || !hasText) {
+        if (inTagName != kControlStaticTextCFStringTag || !CarriesText(*rec)) {
             return errDataNotSupported;
         }
         if (inSize != static_cast<Size>(sizeof(CFStringRef))) {
@@ -485,9 +488,7 @@ OSErr GetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, S
         if (rec == nullptr) {
             return paramErr;
         }
-        bool hasText =
-            !rec->isRoot && (rec->kind == kPlatControlStaticText || rec->kind == kPlatControlPushButton);
-        if (inTagName != kControlStaticTextCFStringTag || !hasText) {
+        if (inTagName != kControlStaticTextCFStringTag || !CarriesText(*rec)) {
             return errDataNotSupported;
         }
         text = rec->text;
