@@ -38,7 +38,9 @@ bool RangesOverlap(long x, long y, size_t n) {
     return n != 0 && (x < y ? size_t(y - x) < n : size_t(x - y) < n);
 }
 
-int ModelMemcpy(Model m, size_t destMax, size_t count) {
+// The checks memcpy_s and memmove_s make first, in the same order: the code of the
+// first that fails (with the whole destination cleared for the reset codes), or -1.
+int ModelMemoryChecks(Model m, size_t destMax, size_t count) {
     if (!ValidMax(destMax)) {
         return BOUNDED_ERANGE;
     }
@@ -52,6 +54,13 @@ int ModelMemcpy(Model m, size_t destMax, size_t count) {
     if (count > destMax) {
         memset(m.a + m.dest, 0, destMax);
         return BOUNDED_ERANGE_RESET;
+    }
+    return -1;
+}
+
+int ModelMemcpy(Model m, size_t destMax, size_t count) {
+    if (int code = ModelMemoryChecks(m, destMax, count); code >= 0) {
+        return code;
     }
     if (m.dest == m.src) {
         return BOUNDED_OK;
@@ -67,19 +76,8 @@ int ModelMemcpy(Model m, size_t destMax, size_t count) {
 }
 
 int ModelMemmove(Model m, size_t destMax, size_t count) {
-    if (!ValidMax(destMax)) {
-        return BOUNDED_ERANGE;
-    }
-    if (m.dest < 0) {
-        return BOUNDED_EINVAL;
-    }
-    if (m.src < 0) {
-        memset(m.a + m.dest, 0, destMax);
-        return BOUNDED_EINVAL_RESET;
-    }
-    if (count > destMax) {
-        memset(m.a + m.dest, 0, destMax);
-        return BOUNDED_ERANGE_RESET;
+    if (int code = ModelMemoryChecks(m, destMax, count); code >= 0) {
+        return code;
     }
     unsigned char copy[ARENA];
     for (size_t i = 0; i < count; ++i) {
