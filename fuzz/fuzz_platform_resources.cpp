@@ -3,7 +3,7 @@
 #include <Carbon/Carbon.h>
 #include <PlatformTesting.h>
 
-#include "CFInternal.h"
+#include "cf/CFInternal.h"
 
 #include <stdint.h>
 #include <stdlib.h>

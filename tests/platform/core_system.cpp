@@ -1,7 +1,7 @@
 // Semaphores, the process queries against /proc, the kernel release, and PNG pictures.
 #include "support.h"
 
-#include "PlatProc.h"
+#include "system/PlatProc.h"
 
 #include <sys/sysctl.h>
 

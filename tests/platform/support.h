@@ -2,7 +2,7 @@
 #pragma once
 
 #include <Carbon/Carbon.h>
-#include <PlatBackend.h>
+#include "backends/PlatBackend.h"
 #include <PlatformTesting.h>
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
  * walk shows the processes that have an executable, in pid order. */
 #include <CoreServices/CoreServices.h>
 
-#include "PlatProc.h"
+#include "system/PlatProc.h"
 
 #include <algorithm>
 #include <climits>

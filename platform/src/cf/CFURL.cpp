@@ -1,5 +1,5 @@
 /* File URLs: an absolute path and the URL text written for it. */
-#include "CFInternal.h"
+#include "cf/CFInternal.h"
 
 #include <cstring>
 #include <type_traits>

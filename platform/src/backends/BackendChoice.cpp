@@ -1,7 +1,7 @@
 /* The choice of the window backend, made once, when the first window is created:
  * the one a test forced; else under a display the gtk module, loaded only then;
  * else the terminal when standard input is one; else none. */
-#include "BackendInternal.h"
+#include "backends/BackendInternal.h"
 
 #include <PlatformTesting.h>
 

@@ -5,8 +5,8 @@
  * time and checks its quit condition after each, so it ends right after the
  * handler that asked has returned; with nothing queued it blocks in the backend's
  * pump(), or in the layer's own wait before a backend is chosen. */
-#include "BackendInternal.h"
-#include "EventInternal.h"
+#include "backends/BackendInternal.h"
+#include "events/EventInternal.h"
 
 #include <PlatformTesting.h>
 

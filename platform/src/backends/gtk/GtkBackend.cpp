@@ -6,7 +6,7 @@
  * the layer's functions from the program that loaded it (they are exported from
  * its executable) and refuses to start when they are missing. Everything but
  * wake() runs on the main thread. */
-#include "PlatBackend.h"
+#include "backends/PlatBackend.h"
 
 #include <dlfcn.h>
 #include <gtk/gtk.h>

@@ -4,9 +4,9 @@
  * only shows them, reading the model through PlatGetWindowInfo and
  * PlatGetControlInfo, and turns the user's input into events with
  * PlatPostControlHit and PlatPostWindowClose. */
-#include "BackendInternal.h"
-#include "EventInternal.h"
-#include "WindowInternal.h"
+#include "backends/BackendInternal.h"
+#include "events/EventInternal.h"
+#include "windows/WindowInternal.h"
 
 #include <PlatformTesting.h>
 

@@ -2,7 +2,7 @@
 #ifndef PLATFORM_BACKENDINTERNAL_H
 #define PLATFORM_BACKENDINTERNAL_H
 
-#include "PlatBackend.h"
+#include "backends/PlatBackend.h"
 
 namespace plat {
 

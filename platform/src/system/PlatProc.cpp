@@ -1,6 +1,6 @@
 /* The process table of /proc. Every reader tolerates a process that ends while
  * it is read: it answers false and the caller skips the process. */
-#include "PlatProc.h"
+#include "system/PlatProc.h"
 
 #include <algorithm>
 #include <cstdio>

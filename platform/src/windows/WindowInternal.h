@@ -3,7 +3,7 @@
 #ifndef PLATFORM_WINDOWINTERNAL_H
 #define PLATFORM_WINDOWINTERNAL_H
 
-#include "PlatBackend.h"
+#include "backends/PlatBackend.h"
 
 #include <string>
 #include <vector>

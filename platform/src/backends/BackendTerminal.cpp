@@ -4,8 +4,8 @@
  * line presses a button when it is the button's caption, ignoring case, or its
  * first letter; an empty line presses the default button. End of input (Ctrl-D)
  * is the close box. Each frame goes out in one write. */
-#include "EventInternal.h"
-#include "PlatBackend.h"
+#include "events/EventInternal.h"
+#include "backends/PlatBackend.h"
 
 #include <errno.h>
 #include <poll.h>

@@ -2,7 +2,7 @@
  * comments, in UTF-8 or in UTF-16 with a byte-order mark. A table that does not
  * parse is refused whole, so that a broken file shows the keys' fallbacks rather
  * than half of its texts. */
-#include "CFInternal.h"
+#include "cf/CFInternal.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 /* Immutable strings of UTF-16 units, and the Mac Roman and UTF-8 encodings. */
-#include "CFInternal.h"
+#include "cf/CFInternal.h"
 
 #include <cstring>
 #include <mutex>

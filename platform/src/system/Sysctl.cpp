@@ -4,7 +4,7 @@
 
 #include <PlatformTesting.h>
 
-#include "PlatProc.h"
+#include "system/PlatProc.h"
 
 #include <cerrno>
 #include <cstring>

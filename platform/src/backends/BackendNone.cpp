@@ -1,8 +1,8 @@
 /* The backend for a process with neither a display nor a terminal: nothing can be
  * shown, so creating a window fails and nobody waits for an answer that cannot
  * come. Loops still run and dispatch events from other threads. */
-#include "EventInternal.h"
-#include "PlatBackend.h"
+#include "events/EventInternal.h"
+#include "backends/PlatBackend.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 /* Bundles: the folder that holds the running executable, its resources and its
  * localised string tables. */
-#include "CFInternal.h"
+#include "cf/CFInternal.h"
 
 #include <PlatformTesting.h>
 

@@ -1,5 +1,5 @@
 /* Reference counting and equality for every CoreFoundation object of the layer. */
-#include "CFInternal.h"
+#include "cf/CFInternal.h"
 
 #include <climits>
 

@@ -1,9 +1,9 @@
 /* The scripted backend, for tests: shows nothing, and answers for the user as a
  * test has set per nib window name. The answer is queued when the window is
  * shown, so the next loop on the main thread handles it like a user's click. */
-#include "EventInternal.h"
-#include "PlatBackend.h"
-#include "WindowInternal.h"
+#include "events/EventInternal.h"
+#include "backends/PlatBackend.h"
+#include "windows/WindowInternal.h"
 
 #include <PlatformTesting.h>
 

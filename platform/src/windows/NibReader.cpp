@@ -30,8 +30,8 @@
  * name no window has, and with kIBCarbonRuntimeObjectNotOfRequestedType when the
  * window cannot be built: an unknown element or attribute, a bad attribute value,
  * or two controls with the same ControlID other than {0, 0}. */
-#include "EventInternal.h"
-#include "WindowInternal.h"
+#include "events/EventInternal.h"
+#include "windows/WindowInternal.h"
 
 #include <pugixml.hpp>
 

@@ -2,8 +2,8 @@
  * RGBA rows. Both are CoreFoundation objects, so CFRelease works on them too. */
 #include <ApplicationServices/ApplicationServices.h>
 
-#include "CFInternal.h"
-#include "PlatBackend.h"
+#include "cf/CFInternal.h"
+#include "backends/PlatBackend.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -3,7 +3,7 @@
  *
  * Dispatch runs on the main thread only; from any other thread an event is
  * queued for the main thread's loop (EventLoop.cpp). */
-#include "EventInternal.h"
+#include "events/EventInternal.h"
 
 #include <sys/syscall.h>
 #include <time.h>
