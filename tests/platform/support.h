@@ -6,6 +6,7 @@
 #include <PlatformTesting.h>
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -98,10 +99,13 @@ inline EventRef NewCommandEvent(UInt32 commandID) {
     return event;
 }
 
-// Sends a command to the application target from the calling thread.
+// Sends a command to the application target as the launcher does: at once on the main
+// thread, posted to the main queue from any other.
 inline OSStatus SendCommand(UInt32 commandID) {
     EventRef event = NewCommandEvent(commandID);
-    OSStatus status = SendEventToEventTarget(event, GetApplicationEventTarget());
+    OSStatus status = pthread_main_np()
+                          ? SendEventToEventTarget(event, GetApplicationEventTarget())
+                          : PostEventToQueue(GetMainEventQueue(), event, kEventPriorityStandard);
     ReleaseEvent(event);
     return status;
 }

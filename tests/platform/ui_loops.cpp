@@ -7,8 +7,8 @@ namespace {
 
 class LoopsTest : public UiTest {};
 
-// The progress window's exchange: the worker's "clos" is queued, not run on the
-// worker, and ends the modal loop on the main thread, also when sent before the loop.
+// The progress window's exchange: the worker posts "clos" to the main queue; the modal
+// loop dispatches it on the main thread, also when it was posted before the loop.
 TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
     for (bool beforeLoop : {false, true}) {
         SCOPED_TRACE(beforeLoop ? "command before the loop" : "command during the loop");
@@ -99,17 +99,21 @@ TEST_F(LoopsTest, ApplicationQuitWaitsForTheHandlerAndItsModalLoop) {
     EXPECT_EQ(trace, (std::vector<std::string>{"yes", "clos", "modal ended", "application loop ended"}));
 }
 
-// A quit asked while no application loop runs ends the next loop at once, and only that one.
-TEST_F(LoopsTest, QuitWithoutLoopIsKeptForTheNextLoop) {
+// A quit asked while no application loop runs is ignored: the next loop runs until a
+// handler asks again.
+TEST_F(LoopsTest, QuitOutsideALoopIsIgnored) {
     QuitApplicationEventLoop();
-    RunApplicationEventLoop();
-    std::atomic<bool> quitSent{false};
-    std::thread worker = After(100, [&] {
-        quitSent = true;
+    Install(GetApplicationEventTarget(), kCommand, [](EventHandlerCallRef, EventRef) {
         QuitApplicationEventLoop();
+        return noErr;
+    });
+    std::atomic<bool> posted{false};
+    std::thread worker = After(100, [&] {
+        posted = true;
+        SendCommand('quit');
     });
     RunApplicationEventLoop();
-    EXPECT_TRUE(quitSent) << "the kept quit ended a second loop";
+    EXPECT_TRUE(posted) << "the quit asked before the loop ended it";
     worker.join();
 }
 
