@@ -70,9 +70,11 @@ inline CFStringRef Str(const char* text) {
     return text ? CFStringCreateWithCString(nullptr, text, kCFStringEncodingUTF8) : nullptr;
 }
 inline void Release(std::initializer_list<CFTypeRef> objects) {
-    for (CFTypeRef object : objects)
-        if (object)
+    for (CFTypeRef object : objects) {
+        if (object) {
             CFRelease(object);
+        }
+    }
 }
 
 // The file-system path of a URL, which is released.
@@ -146,10 +148,12 @@ class UiTest : public ::testing::Test {
         ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
     }
     void TearDown() override {
-        for (EventHandlerRef h : handlers_)
+        for (EventHandlerRef h : handlers_) {
             RemoveEventHandler(h);
-        for (WindowRef w : windows_)
+        }
+        for (WindowRef w : windows_) {
             DisposeWindow(w);
+        }
         PlatDrainEvents();
         DisposeNibReference(nib_);
         PlatScriptReset();

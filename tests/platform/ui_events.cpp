@@ -55,8 +55,9 @@ TEST_F(EventsTest, WindowsGoWithUnhandledClosesAndWithinHandlers) {
     WindowRef kept = NewWindow("Other"), closed = NewWindow("Progress"), window = NewWindow("Box");
     Install(GetWindowEventTarget(kept), kClose, Step('k', noErr));
     Install(GetWindowEventTarget(closed), kClose, Step('c', eventNotHandledErr));
-    for (WindowRef w : {kept, closed})
+    for (WindowRef w : {kept, closed}) {
         EXPECT_EQ(Send(kClose, typeWindowRef, w, GetWindowEventTarget(w)), noErr);
+    }
     EXPECT_TRUE(IsValidWindowPtr(kept));
     EXPECT_FALSE(IsValidWindowPtr(closed));
 

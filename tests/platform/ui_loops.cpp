@@ -23,12 +23,14 @@ TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
                 return noErr;
             });
         std::thread worker = After(beforeLoop ? 0 : 100, [] { SendCommand('clos'); });
-        if (beforeLoop)
+        if (beforeLoop) {
             worker.join();
+        }
         EXPECT_EQ(seen, "") << "ran before any loop";
         EXPECT_EQ(RunAppModalLoopForWindow(window), noErr);
-        if (worker.joinable())
+        if (worker.joinable()) {
             worker.join();
+        }
         EXPECT_EQ(seen, "main");
         EXPECT_FALSE(IsValidWindowPtr(window));
         RemoveEventHandler(handler);
@@ -59,8 +61,9 @@ TEST_F(LoopsTest, NestedModalLoopsEndInnermostFirst) {
     });
     // All three are queued before any loop runs: only the loops decide the order.
     std::thread([] {
-        for (UInt32 command : {'open', 'qout', 'qinn'})
+        for (UInt32 command : {'open', 'qout', 'qinn'}) {
             SendCommand(command);
+        }
     }).join();
     EXPECT_EQ(RunAppModalLoopForWindow(outer), noErr);
     EXPECT_EQ(trace, "[oi]");
@@ -94,8 +97,9 @@ TEST_F(LoopsTest, ApplicationQuitWaitsForTheHandlerAndItsModalLoop) {
     ShowWindow(box);
     RunApplicationEventLoop();
     trace.push_back("application loop ended");
-    if (worker.joinable())
+    if (worker.joinable()) {
         worker.join();
+    }
     EXPECT_EQ(trace, (std::vector<std::string>{"yes", "clos", "modal ended", "application loop ended"}));
 }
 

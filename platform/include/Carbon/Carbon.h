@@ -84,7 +84,6 @@ enum { kEventPriorityLow = 0, kEventPriorityStandard = 1, kEventPriorityHigh = 2
 enum { kHICommandOK = 'ok  ', kHICommandCancel = 'not!', kHICommandClose = 'clos' };
 
 EventHandlerUPP NewEventHandlerUPP(EventHandlerProcPtr userRoutine);
-void DisposeEventHandlerUPP(EventHandlerUPP userUPP);
 
 OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler, ItemCount inNumTypes,
                              const EventTypeSpec* inList, void* inUserData, EventHandlerRef* outRef);
@@ -154,9 +153,6 @@ Boolean IsWindowVisible(WindowRef window);
 OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* outControl);
 OSErr SetControlData(ControlRef inControl, ControlPartCode inPart, ResType inTagName, Size inSize,
                      const void* inData);
-OSErr GetControlData(ControlRef inControl, ControlPartCode inPart, ResType inTagName, Size inBufferSize,
-                     void* inBuffer, Size* outActualSize);
-WindowRef GetControlOwner(ControlRef inControl);
 HIViewRef HIViewGetRoot(WindowRef inWindow);
 OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outControl);
 OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage);

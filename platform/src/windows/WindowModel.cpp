@@ -21,7 +21,7 @@
 
 namespace {
 
-/* SetControlData or GetControlData with a tag the control does not have. */
+/* SetControlData with a tag the control does not have. */
 constexpr OSErr errDataNotSupported = -30586;
 
 struct ControlRec {
@@ -470,15 +470,6 @@ OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* o
     return errUnknownControl;
 }
 
-WindowRef GetControlOwner(ControlRef inControl) {
-    if (plat::RefusedOffMainThread("GetControlOwner")) {
-        return nullptr;
-    }
-    Lock lock(plat::ModelLock());
-    ControlRec* rec = LiveControl(inControl);
-    return rec == nullptr ? nullptr : reinterpret_cast<WindowRef>(rec->window);
-}
-
 HIViewRef HIViewGetRoot(WindowRef inWindow) {
     if (plat::RefusedOffMainThread("HIViewGetRoot")) {
         return nullptr;
@@ -554,38 +545,6 @@ OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, S
         Backend()->controlChanged(window, inControl);
     }
     return noErr;
-}
-
-OSErr GetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, Size inBufferSize,
-                     void* inBuffer, Size* outActualSize) {
-    if (plat::RefusedOffMainThread("GetControlData")) {
-        return OSErr(eventInternalErr);
-    }
-    std::string text;
-    {
-        Lock lock(plat::ModelLock());
-        ControlRec* rec = LiveControl(inControl);
-        if (rec == nullptr) {
-            return paramErr;
-        }
-        if (inTagName != kControlStaticTextCFStringTag || !CarriesText(*rec)) {
-            return errDataNotSupported;
-        }
-        text = rec->text;
-    }
-    if (outActualSize != nullptr) {
-        *outActualSize = sizeof(CFStringRef);
-    }
-    if (inBuffer == nullptr) {
-        return noErr;
-    }
-    if (inBufferSize < static_cast<Size>(sizeof(CFStringRef))) {
-        return errDataSizeMismatch;
-    }
-    /* A new string: the caller releases it. */
-    CFStringRef string = CFStringCreateWithCString(kCFAllocatorDefault, text.c_str(), kCFStringEncodingUTF8);
-    std::memcpy(inBuffer, &string, sizeof string);
-    return string == nullptr ? OSErr(memFullErr) : OSErr(noErr);
 }
 
 OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage) {
