@@ -64,54 +64,79 @@ TEST(MPSemaphore, CountsTimeOutsAndIdentifiers) {
 
 // What the launcher takes from the Mac's headers: codes, records as the 64-bit Mac lays
 // them out, and prototypes. The same lines hold against the Mac OS X 10.6 SDK.
-#define MAC_FACTS(FACT)                                                                                      \
-    FACT(kEventClassCommand, 'cmds')                                                                         \
-    FACT(kEventClassControl, 'cntl') FACT(kEventClassWindow, 'wind') FACT(kEventCommandProcess, 1) FACT(     \
-        kEventControlHit, 1) FACT(kEventWindowClose, 72) FACT(kEventParamDirectObject, '----')               \
-        FACT(kEventParamPostTarget, 'ptrg') FACT(typeHICommand, 'hcmd') FACT(typeControlRef, 'ctrl') FACT(   \
-            typeWindowRef, 'wind') FACT(typeEventTargetRef,                                                  \
-                                        'etrg') FACT(typeWildCard, '****') FACT(kEventAttributeUserEvent, 1) \
-            FACT(kHICommandClose, 'clos') FACT(kControlStaticTextCFStringTag, 'cfst') FACT(                  \
-                kControlEditTextPart, 5) FACT(kEventPriorityLow, 0) FACT(kEventPriorityStandard,             \
-                                                                         1) FACT(kEventPriorityHigh, 2)      \
-                FACT(paramErr, -50) FACT(procNotFound, -600) FACT(errInvalidWindowPtr, -5600) FACT(          \
-                    eventAlreadyPostedErr, -9860) FACT(eventClassInvalidErr,                                 \
-                                                       -9862) FACT(eventClassIncorrectErr, -9864)            \
-                    FACT(eventHandlerAlreadyInstalledErr, -9866) FACT(eventInternalErr, -9868) FACT(         \
-                        eventParameterNotFoundErr, -9870) FACT(eventNotHandledErr, -9874)                    \
-                        FACT(errDataSizeMismatch, -30591) FACT(errUnknownControl, -30584) FACT(              \
-                            kIBCarbonRuntimeCantFindNibFile,                                                 \
-                            -10960) FACT(kIBCarbonRuntimeObjectNotOfRequestedType, -10961)                   \
-                            FACT(kIBCarbonRuntimeCantFindObject, -10962) FACT(kMPDeletedErr, -29295) FACT(   \
-                                kMPTimeoutErr, -29296) FACT(kMPInvalidIDErr, -29299)                         \
-                                FACT(kDurationForever, 0x7FFFFFFF) FACT(kCurrentProcess, 2) FACT(            \
-                                    kCFStringEncodingMacRoman, 0) FACT(kCFStringEncodingUTF8, 0x08000100)    \
-                                    FACT(kCFURLPOSIXPathStyle,                                               \
-                                         0) FACT(CTL_KERN, 1) FACT(KERN_PROC, 14)                            \
-                                        FACT(KERN_PROC_ALL, 0) FACT(KERN_OSRELEASE, 2) FACT(MAXCOMLEN, 16)   \
-                                            FACT(sizeof(HICommand),                                          \
-                                                 18) FACT(sizeof(EventTypeSpec),                             \
-                                                          8) FACT(alignof(EventTypeSpec),                    \
-                                                                  2) FACT(alignof(ControlID), 2)             \
-                                                FACT(sizeof(ProcessInfoRec), 72) FACT(                       \
-                                                    offsetof(ProcessInfoRec, processName),                   \
-                                                    4) FACT(offsetof(ProcessInfoRec, processNumber), 12)     \
-                                                    FACT(offsetof(ProcessInfoRec, processLauncher),          \
-                                                         48) FACT(offsetof(ProcessInfoRec, processAppRef),   \
-                                                                  64) FACT(sizeof(struct kinfo_proc), 648)   \
-                                                        FACT(offsetof(struct kinfo_proc, kp_proc.p_pid),     \
-                                                             40) FACT(offsetof(struct kinfo_proc,            \
-                                                                               kp_proc.p_comm),              \
-                                                                      243)                                   \
-                                                            FACT(offsetof(struct kinfo_proc, kp_eproc), 296) \
-                                                                FACT(offsetof(struct kinfo_proc,             \
-                                                                              kp_eproc.e_ucred),             \
-                                                                     416) FACT(offsetof(struct kinfo_proc,   \
-                                                                                        kp_eproc.e_vm),      \
-                                                                               496)                          \
-                                                                    FACT(offsetof(struct kinfo_proc,         \
-                                                                                  kp_eproc.e_ppid),          \
-                                                                         560)
+struct MacFact {
+    const char* expression;
+    long long value, expected;
+};
+#define FACT(expression, expected)                                                                           \
+    { #expression, (expression) + 0LL, (expected) }
+const MacFact kMacFacts[] = {
+    FACT(kEventClassCommand, 'cmds'),
+    FACT(kEventClassControl, 'cntl'),
+    FACT(kEventClassWindow, 'wind'),
+    FACT(kEventCommandProcess, 1),
+    FACT(kEventControlHit, 1),
+    FACT(kEventWindowClose, 72),
+    FACT(kEventParamDirectObject, '----'),
+    FACT(kEventParamPostTarget, 'ptrg'),
+    FACT(typeHICommand, 'hcmd'),
+    FACT(typeControlRef, 'ctrl'),
+    FACT(typeWindowRef, 'wind'),
+    FACT(typeEventTargetRef, 'etrg'),
+    FACT(typeWildCard, '****'),
+    FACT(kEventAttributeUserEvent, 1),
+    FACT(kHICommandClose, 'clos'),
+    FACT(kControlStaticTextCFStringTag, 'cfst'),
+    FACT(kControlEditTextPart, 5),
+    FACT(kEventPriorityLow, 0),
+    FACT(kEventPriorityStandard, 1),
+    FACT(kEventPriorityHigh, 2),
+    FACT(paramErr, -50),
+    FACT(procNotFound, -600),
+    FACT(errInvalidWindowPtr, -5600),
+    FACT(eventAlreadyPostedErr, -9860),
+    FACT(eventClassInvalidErr, -9862),
+    FACT(eventClassIncorrectErr, -9864),
+    FACT(eventHandlerAlreadyInstalledErr, -9866),
+    FACT(eventInternalErr, -9868),
+    FACT(eventParameterNotFoundErr, -9870),
+    FACT(eventNotHandledErr, -9874),
+    FACT(errDataSizeMismatch, -30591),
+    FACT(errUnknownControl, -30584),
+    FACT(kIBCarbonRuntimeCantFindNibFile, -10960),
+    FACT(kIBCarbonRuntimeObjectNotOfRequestedType, -10961),
+    FACT(kIBCarbonRuntimeCantFindObject, -10962),
+    FACT(kMPDeletedErr, -29295),
+    FACT(kMPTimeoutErr, -29296),
+    FACT(kMPInvalidIDErr, -29299),
+    FACT(kDurationForever, 0x7FFFFFFF),
+    FACT(kCurrentProcess, 2),
+    FACT(kCFStringEncodingMacRoman, 0),
+    FACT(kCFStringEncodingUTF8, 0x08000100),
+    FACT(kCFURLPOSIXPathStyle, 0),
+    FACT(CTL_KERN, 1),
+    FACT(KERN_PROC, 14),
+    FACT(KERN_PROC_ALL, 0),
+    FACT(KERN_OSRELEASE, 2),
+    FACT(MAXCOMLEN, 16),
+    FACT(sizeof(HICommand), 18),
+    FACT(sizeof(EventTypeSpec), 8),
+    FACT(alignof(EventTypeSpec), 2),
+    FACT(alignof(ControlID), 2),
+    FACT(sizeof(ProcessInfoRec), 72),
+    FACT(offsetof(ProcessInfoRec, processName), 4),
+    FACT(offsetof(ProcessInfoRec, processNumber), 12),
+    FACT(offsetof(ProcessInfoRec, processLauncher), 48),
+    FACT(offsetof(ProcessInfoRec, processAppRef), 64),
+    FACT(sizeof(struct kinfo_proc), 648),
+    FACT(offsetof(struct kinfo_proc, kp_proc.p_pid), 40),
+    FACT(offsetof(struct kinfo_proc, kp_proc.p_comm), 243),
+    FACT(offsetof(struct kinfo_proc, kp_eproc), 296),
+    FACT(offsetof(struct kinfo_proc, kp_eproc.e_ucred), 416),
+    FACT(offsetof(struct kinfo_proc, kp_eproc.e_vm), 496),
+    FACT(offsetof(struct kinfo_proc, kp_eproc.e_ppid), 560),
+};
+#undef FACT
 
 template <typename A, typename B> constexpr bool kSame = std::is_same_v<A, B>;
 static_assert(kSame<UInt64, unsigned long long> && kSame<SInt64, long long> &&
@@ -133,9 +158,9 @@ static_assert(
 static_assert(kSame<decltype(&MPWaitOnSemaphore), OSStatus (*)(MPSemaphoreID, Duration)>);
 
 TEST(MacFacts, AsTheMacDeclaresThem) {
-#define FACT(expression, expected) EXPECT_EQ(static_cast<long long>(expression), (expected)) << #expression;
-    MAC_FACTS(FACT)
-#undef FACT
+    for (const MacFact& fact : kMacFacts) {
+        EXPECT_EQ(fact.value, fact.expected) << fact.expression;
+    }
 }
 
 std::vector<struct kinfo_proc> ProcessTable() {
