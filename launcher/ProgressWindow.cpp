@@ -6,6 +6,7 @@
 #include "bounded/bounded.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <stdio.h>
 
 WindowRef g_ProgressWindowRef = nullptr;
@@ -131,7 +132,14 @@ void SendCommandProcessEvent(UInt32 commandID) {
         ReleaseEvent(event);
         return;
     }
-    // From the worker, the layer queues the event for the main thread, where the handler runs.
-    SendEventToEventTarget(event, GetApplicationEventTarget());
+    // Handlers run on the thread that sends; the window belongs to the main thread, so from the
+    // worker the command is posted to the main queue, which the modal loop there dispatches.
+    if (pthread_main_np()) {
+        SendEventToEventTarget(event, GetApplicationEventTarget());
+    } else {
+        EventTargetRef target = GetApplicationEventTarget();
+        SetEventParameter(event, kEventParamPostTarget, typeEventTargetRef, sizeof target, &target);
+        PostEventToQueue(GetMainEventQueue(), event, kEventPriorityStandard);
+    }
     ReleaseEvent(event);
 }

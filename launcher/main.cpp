@@ -38,7 +38,7 @@ int main(int /*argc*/, char** /*argv*/) {
     // An unreadable installed record stays all zeros and is judged as such.
     GetInstalledVersion();
 
-    const char* textKey = NULL;
+    const char* textKey = nullptr;
     DialogChoice dialog = ChooseDialog(&installedVersion, &pkgVersion, &textKey);
     if (dialog == kNoDialog) {
         Log(kSource, "main", "CheckInstallerExists");
@@ -55,7 +55,8 @@ int main(int /*argc*/, char** /*argv*/) {
         return 0;
     }
 
-    // DIALOG: the box's handlers act on the answer and end the event loop.
+    // DIALOG: the box's handlers act on the answer and end the event loop. A box that could not
+    // be made has already acted as its close box, and no handler could end the loop.
     if (dialog == kMessageBoxR7) {
         MessageBoxR7(textKey);
     } else if (dialog == kWarningBoxR7) {
@@ -63,7 +64,9 @@ int main(int /*argc*/, char** /*argv*/) {
     } else {
         MessageBox(textKey);
     }
-    RunApplicationEventLoop();
+    if (g_msgBoxRef != nullptr) {
+        RunApplicationEventLoop();
+    }
     CloseLogSystem();
     return 0;
 }

@@ -16,8 +16,8 @@ typedef uint16_t UInt16;
 typedef int16_t SInt16;
 typedef uint32_t UInt32;
 typedef int32_t SInt32;
-typedef uint64_t UInt64;
-typedef int64_t SInt64;
+typedef unsigned long long UInt64;
+typedef long long SInt64;
 typedef unsigned char Boolean;
 typedef SInt32 OSStatus;
 typedef SInt16 OSErr;
@@ -52,17 +52,18 @@ enum {
     procNotFound = -600,
     errInvalidWindowPtr = -5600,
     errInvalidWindowRef = -5600,
-    eventParameterNotFoundErr = -9870,
+    eventAlreadyPostedErr = -9860,
+    eventClassInvalidErr = -9862,
+    eventClassIncorrectErr = -9864,
+    eventHandlerAlreadyInstalledErr = -9866,
     eventInternalErr = -9868,
     eventKindIncorrectErr = -9869,
-    eventClassIncorrectErr = -9873,
+    eventParameterNotFoundErr = -9870,
     eventNotHandledErr = -9874,
     eventLoopTimedOutErr = -9875,
     eventLoopQuitErr = -9876,
-    eventHandlerAlreadyInstalledErr = -9872,
-    eventClassInvalidErr = -9860,
     errUnknownControl = -30584,
-    errDataSizeMismatch = -30583,
+    errDataSizeMismatch = -30591,
     errCouldntSetFocus = -30585,
     kIBCarbonRuntimeCantFindNibFile = -10960,
     kIBCarbonRuntimeObjectNotOfRequestedType = -10961,

@@ -36,19 +36,19 @@ typedef enum {
 } PlatScriptAction;
 
 /* Set the answer for windows created from the nib window of that name. The
- * answer is queued as an event for the main thread when the window is shown. */
+ * answer is posted to the main queue when the window is shown. */
 void PlatScriptSetAction(const char* windowName, PlatScriptAction action, OSType signature, SInt32 id);
 void PlatScriptReset(void); /* forget every answer and every record */
 
 /* What is and was shown, by nib window name. */
-int PlatScriptShowCount(const char* windowName);     /* times ShowWindow made it visible */
+int PlatScriptShowCount(const char* windowName);     /* times the scripted backend showed it */
 Boolean PlatScriptIsVisible(const char* windowName); /* a live window of that name is visible */
 /* The text of control {signature, id} in the live window of that name, UTF-8.
  * False when there is no such window or control. */
 Boolean PlatScriptGetControlText(const char* windowName, OSType signature, SInt32 id, char* buffer,
                                  size_t size);
 
-/* Runs queued cross-thread events on the main thread without entering a loop. */
+/* Dispatches the events posted to the main queue without entering a loop. Main thread. */
 void PlatDrainEvents(void);
 
 #ifdef __cplusplus

@@ -186,8 +186,6 @@ class InProcess : public ::testing::Test {
         unsetenv("LC_MESSAGES");
         PlatSetBackend("scripted");
         PlatScriptReset();
-        QuitApplicationEventLoop(); // a quit asked outside a loop waits for the next: none pending
-        RunApplicationEventLoop();
         PlatSetOSRelease("10.8.0");
         InitLogSystem(logFile_.c_str());
         SetEvent("QV_EVENT");

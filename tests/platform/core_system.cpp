@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <type_traits>
 #include <png.h>
 #include <spawn.h>
 
@@ -61,12 +62,106 @@ TEST(MPSemaphore, CountsTimeOutsAndIdentifiers) {
     EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
 }
 
-// The records as the 64-bit Mac lays them out.
-static_assert(sizeof(ProcessInfoRec) == 72 && offsetof(ProcessInfoRec, processName) == 4);
-static_assert(offsetof(ProcessInfoRec, processNumber) == 12 &&
-              offsetof(ProcessInfoRec, processLauncher) == 48);
-static_assert(offsetof(ProcessInfoRec, processAppRef) == 64 && sizeof(struct kinfo_proc) == 648);
-static_assert(offsetof(struct kinfo_proc, kp_proc.p_comm) == 243);
+// What the launcher takes from the Mac's headers: codes, records as the 64-bit Mac lays
+// them out, and prototypes. The same lines hold against the Mac OS X 10.6 SDK.
+struct MacFact {
+    const char* expression;
+    long long value, expected;
+};
+#define FACT(expression, expected)                                                                           \
+    { #expression, (expression) + 0LL, (expected) }
+const MacFact kMacFacts[] = {
+    FACT(kEventClassCommand, 'cmds'),
+    FACT(kEventClassControl, 'cntl'),
+    FACT(kEventClassWindow, 'wind'),
+    FACT(kEventCommandProcess, 1),
+    FACT(kEventControlHit, 1),
+    FACT(kEventWindowClose, 72),
+    FACT(kEventParamDirectObject, '----'),
+    FACT(kEventParamPostTarget, 'ptrg'),
+    FACT(typeHICommand, 'hcmd'),
+    FACT(typeControlRef, 'ctrl'),
+    FACT(typeWindowRef, 'wind'),
+    FACT(typeEventTargetRef, 'etrg'),
+    FACT(typeWildCard, '****'),
+    FACT(kEventAttributeUserEvent, 1),
+    FACT(kHICommandClose, 'clos'),
+    FACT(kControlStaticTextCFStringTag, 'cfst'),
+    FACT(kControlEditTextPart, 5),
+    FACT(kEventPriorityLow, 0),
+    FACT(kEventPriorityStandard, 1),
+    FACT(kEventPriorityHigh, 2),
+    FACT(paramErr, -50),
+    FACT(procNotFound, -600),
+    FACT(errInvalidWindowPtr, -5600),
+    FACT(eventAlreadyPostedErr, -9860),
+    FACT(eventClassInvalidErr, -9862),
+    FACT(eventClassIncorrectErr, -9864),
+    FACT(eventHandlerAlreadyInstalledErr, -9866),
+    FACT(eventInternalErr, -9868),
+    FACT(eventParameterNotFoundErr, -9870),
+    FACT(eventNotHandledErr, -9874),
+    FACT(errDataSizeMismatch, -30591),
+    FACT(errUnknownControl, -30584),
+    FACT(kIBCarbonRuntimeCantFindNibFile, -10960),
+    FACT(kIBCarbonRuntimeObjectNotOfRequestedType, -10961),
+    FACT(kIBCarbonRuntimeCantFindObject, -10962),
+    FACT(kMPDeletedErr, -29295),
+    FACT(kMPTimeoutErr, -29296),
+    FACT(kMPInvalidIDErr, -29299),
+    FACT(kDurationForever, 0x7FFFFFFF),
+    FACT(kCurrentProcess, 2),
+    FACT(kCFStringEncodingMacRoman, 0),
+    FACT(kCFStringEncodingUTF8, 0x08000100),
+    FACT(kCFURLPOSIXPathStyle, 0),
+    FACT(CTL_KERN, 1),
+    FACT(KERN_PROC, 14),
+    FACT(KERN_PROC_ALL, 0),
+    FACT(KERN_OSRELEASE, 2),
+    FACT(MAXCOMLEN, 16),
+    FACT(sizeof(HICommand), 18),
+    FACT(sizeof(EventTypeSpec), 8),
+    FACT(alignof(EventTypeSpec), 2),
+    FACT(alignof(ControlID), 2),
+    FACT(sizeof(ProcessInfoRec), 72),
+    FACT(offsetof(ProcessInfoRec, processName), 4),
+    FACT(offsetof(ProcessInfoRec, processNumber), 12),
+    FACT(offsetof(ProcessInfoRec, processLauncher), 48),
+    FACT(offsetof(ProcessInfoRec, processAppRef), 64),
+    FACT(sizeof(struct kinfo_proc), 648),
+    FACT(offsetof(struct kinfo_proc, kp_proc.p_pid), 40),
+    FACT(offsetof(struct kinfo_proc, kp_proc.p_comm), 243),
+    FACT(offsetof(struct kinfo_proc, kp_eproc), 296),
+    FACT(offsetof(struct kinfo_proc, kp_eproc.e_ucred), 416),
+    FACT(offsetof(struct kinfo_proc, kp_eproc.e_vm), 496),
+    FACT(offsetof(struct kinfo_proc, kp_eproc.e_ppid), 560),
+};
+#undef FACT
+
+template <typename A, typename B> constexpr bool kSame = std::is_same_v<A, B>;
+static_assert(kSame<UInt64, unsigned long long> && kSame<SInt64, long long> &&
+              kSame<CFURLPathStyle, CFIndex>);
+static_assert(kSame<decltype(kCFAllocatorDefault), const CFAllocatorRef> &&
+              kSame<decltype(&pthread_main_np), int (*)()>);
+static_assert(kSame<decltype(&SendEventToEventTarget), OSStatus (*)(EventRef, EventTargetRef)>);
+static_assert(kSame<decltype(&PostEventToQueue), OSStatus (*)(EventQueueRef, EventRef, EventPriority)>);
+static_assert(kSame<decltype(&GetMainEventQueue), EventQueueRef (*)()> && kSame<EventPriority, SInt16>);
+static_assert(
+    kSame<decltype(&InstallEventHandler), OSStatus (*)(EventTargetRef, EventHandlerUPP, ItemCount,
+                                                       const EventTypeSpec*, void*, EventHandlerRef*)>);
+static_assert(
+    kSame<decltype(&GetEventParameter), OSStatus (*)(EventRef, EventParamName, EventParamType,
+                                                     EventParamType*, ByteCount, ByteCount*, void*)>);
+static_assert(kSame<decltype(&RunAppModalLoopForWindow), OSStatus (*)(WindowRef)>);
+static_assert(
+    kSame<decltype(&SetControlData), OSErr (*)(ControlRef, ControlPartCode, ResType, Size, const void*)>);
+static_assert(kSame<decltype(&MPWaitOnSemaphore), OSStatus (*)(MPSemaphoreID, Duration)>);
+
+TEST(MacFacts, AsTheMacDeclaresThem) {
+    for (const MacFact& fact : kMacFacts) {
+        EXPECT_EQ(fact.value, fact.expected) << fact.expression;
+    }
+}
 
 std::vector<struct kinfo_proc> ProcessTable() {
     int name[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
@@ -97,19 +192,23 @@ TEST(ProcessQueries, ChildShowsUnderItsName) {
     pid_t pid = 0;
     ASSERT_EQ(posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv, environ), 0);
     std::string name; // before its exec the child still carries our name
-    for (int i = 0; i < 1000 && !(PlatProcCommandName(pid, name) && name == "KestrunWalker"); ++i)
+    for (int i = 0; i < 1000 && !(PlatProcCommandName(pid, name) && name == "KestrunWalker"); ++i) {
         usleep(5000);
+    }
 
     std::string command = "<absent>", walked = "<absent>";
-    for (const auto& record : ProcessTable())
-        if (record.kp_proc.p_pid == pid)
+    for (const auto& record : ProcessTable()) {
+        if (record.kp_proc.p_pid == pid) {
             command =
                 std::string(record.kp_proc.p_comm) + " child of " + std::to_string(record.kp_eproc.e_ppid);
+        }
+    }
     ProcessSerialNumber psn = {0, kNoProcess};
     OSErr err;
     while ((err = GetNextProcess(&psn)) == noErr) {
-        if (psn.lowLongOfPSN == static_cast<UInt32>(pid))
+        if (psn.lowLongOfPSN == static_cast<UInt32>(pid)) {
             walked = ProcessName(psn);
+        }
     }
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
@@ -160,15 +259,18 @@ std::string Decode(const std::string& path, std::vector<unsigned char>* rgba = n
     CFURLRef url = CFURLCreateWithFileSystemPath(nullptr, text, kCFURLPOSIXPathStyle, false);
     CGDataProviderRef provider = CGDataProviderCreateWithURL(url);
     Release({text, url});
-    if (provider == nullptr)
+    if (provider == nullptr) {
         return "no file";
+    }
     CGImageRef image = CGImageCreateWithPNGDataProvider(provider, nullptr, false, kCGRenderingIntentDefault);
     CGDataProviderRelease(provider);
-    if (image == nullptr)
+    if (image == nullptr) {
         return "no image";
+    }
     size_t width = CGImageGetWidth(image), height = CGImageGetHeight(image);
-    if (rgba)
+    if (rgba) {
         rgba->assign(PlatCGImageGetRGBA(image), PlatCGImageGetRGBA(image) + width * height * 4);
+    }
     CGImageRelease(image);
     return std::to_string(width) + "x" + std::to_string(height);
 }

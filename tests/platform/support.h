@@ -6,6 +6,7 @@
 #include <PlatformTesting.h>
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,9 +70,11 @@ inline CFStringRef Str(const char* text) {
     return text ? CFStringCreateWithCString(nullptr, text, kCFStringEncodingUTF8) : nullptr;
 }
 inline void Release(std::initializer_list<CFTypeRef> objects) {
-    for (CFTypeRef object : objects)
-        if (object)
+    for (CFTypeRef object : objects) {
+        if (object) {
             CFRelease(object);
+        }
+    }
 }
 
 // The file-system path of a URL, which is released.
@@ -98,10 +101,13 @@ inline EventRef NewCommandEvent(UInt32 commandID) {
     return event;
 }
 
-// Sends a command to the application target from the calling thread.
+// Sends a command to the application target as the launcher does: at once on the main
+// thread, posted to the main queue from any other.
 inline OSStatus SendCommand(UInt32 commandID) {
     EventRef event = NewCommandEvent(commandID);
-    OSStatus status = SendEventToEventTarget(event, GetApplicationEventTarget());
+    OSStatus status = pthread_main_np()
+                          ? SendEventToEventTarget(event, GetApplicationEventTarget())
+                          : PostEventToQueue(GetMainEventQueue(), event, kEventPriorityStandard);
     ReleaseEvent(event);
     return status;
 }
@@ -142,10 +148,12 @@ class UiTest : public ::testing::Test {
         ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
     }
     void TearDown() override {
-        for (EventHandlerRef h : handlers_)
+        for (EventHandlerRef h : handlers_) {
             RemoveEventHandler(h);
-        for (WindowRef w : windows_)
+        }
+        for (WindowRef w : windows_) {
             DisposeWindow(w);
+        }
         PlatDrainEvents();
         DisposeNibReference(nib_);
         PlatScriptReset();

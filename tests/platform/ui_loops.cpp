@@ -7,8 +7,8 @@ namespace {
 
 class LoopsTest : public UiTest {};
 
-// The progress window's exchange: the worker's "clos" is queued, not run on the
-// worker, and ends the modal loop on the main thread, also when sent before the loop.
+// The progress window's exchange: the worker posts "clos" to the main queue; the modal
+// loop dispatches it on the main thread, also when it was posted before the loop.
 TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
     for (bool beforeLoop : {false, true}) {
         SCOPED_TRACE(beforeLoop ? "command before the loop" : "command during the loop");
@@ -23,12 +23,14 @@ TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
                 return noErr;
             });
         std::thread worker = After(beforeLoop ? 0 : 100, [] { SendCommand('clos'); });
-        if (beforeLoop)
+        if (beforeLoop) {
             worker.join();
+        }
         EXPECT_EQ(seen, "") << "ran before any loop";
         EXPECT_EQ(RunAppModalLoopForWindow(window), noErr);
-        if (worker.joinable())
+        if (worker.joinable()) {
             worker.join();
+        }
         EXPECT_EQ(seen, "main");
         EXPECT_FALSE(IsValidWindowPtr(window));
         RemoveEventHandler(handler);
@@ -59,8 +61,9 @@ TEST_F(LoopsTest, NestedModalLoopsEndInnermostFirst) {
     });
     // All three are queued before any loop runs: only the loops decide the order.
     std::thread([] {
-        for (UInt32 command : {'open', 'qout', 'qinn'})
+        for (UInt32 command : {'open', 'qout', 'qinn'}) {
             SendCommand(command);
+        }
     }).join();
     EXPECT_EQ(RunAppModalLoopForWindow(outer), noErr);
     EXPECT_EQ(trace, "[oi]");
@@ -94,22 +97,27 @@ TEST_F(LoopsTest, ApplicationQuitWaitsForTheHandlerAndItsModalLoop) {
     ShowWindow(box);
     RunApplicationEventLoop();
     trace.push_back("application loop ended");
-    if (worker.joinable())
+    if (worker.joinable()) {
         worker.join();
+    }
     EXPECT_EQ(trace, (std::vector<std::string>{"yes", "clos", "modal ended", "application loop ended"}));
 }
 
-// A quit asked while no application loop runs ends the next loop at once, and only that one.
-TEST_F(LoopsTest, QuitWithoutLoopIsKeptForTheNextLoop) {
+// A quit asked while no application loop runs is ignored: the next loop runs until a
+// handler asks again.
+TEST_F(LoopsTest, QuitOutsideALoopIsIgnored) {
     QuitApplicationEventLoop();
-    RunApplicationEventLoop();
-    std::atomic<bool> quitSent{false};
-    std::thread worker = After(100, [&] {
-        quitSent = true;
+    Install(GetApplicationEventTarget(), kCommand, [](EventHandlerCallRef, EventRef) {
         QuitApplicationEventLoop();
+        return noErr;
+    });
+    std::atomic<bool> posted{false};
+    std::thread worker = After(100, [&] {
+        posted = true;
+        SendCommand('quit');
     });
     RunApplicationEventLoop();
-    EXPECT_TRUE(quitSent) << "the kept quit ended a second loop";
+    EXPECT_TRUE(posted) << "the quit asked before the loop ended it";
     worker.join();
 }
 

@@ -13,7 +13,11 @@ extern "C" {
 #endif
 
 /* ---- Event Manager ---- */
+/* Carbon's records are packed to 2 bytes. */
+#pragma pack(push, 2)
+
 typedef struct OpaqueEventRef* EventRef;
+typedef struct OpaqueEventQueueRef* EventQueueRef;
 typedef struct OpaqueEventTargetRef* EventTargetRef;
 typedef struct OpaqueEventHandlerRef* EventHandlerRef;
 typedef struct OpaqueEventHandlerCallRef* EventHandlerCallRef;
@@ -31,6 +35,7 @@ typedef OSType EventParamName;
 typedef OSType EventParamType;
 typedef UInt16 MenuItemIndex;
 typedef SInt16 ControlPartCode;
+typedef SInt16 EventPriority;
 
 typedef OSStatus (*EventHandlerProcPtr)(EventHandlerCallRef inHandlerCallRef, EventRef inEvent,
                                         void* inUserData);
@@ -41,7 +46,6 @@ typedef struct EventTypeSpec {
     UInt32 eventKind;
 } EventTypeSpec;
 
-#pragma pack(push, 2)
 typedef struct HICommand {
     UInt32 attributes;
     UInt32 commandID;
@@ -50,7 +54,6 @@ typedef struct HICommand {
         MenuItemIndex menuItemIndex;
     } menu;
 } HICommand;
-#pragma pack(pop)
 
 enum {
     kEventClassCommand = 'cmds',
@@ -61,20 +64,26 @@ enum {
 enum { kEventCommandProcess = 1 };
 enum { kEventControlHit = 1 };
 enum { kEventWindowClose = 72 };
-enum { kEventParamDirectObject = '----', kEventParamControlPart = 'cprt', kEventParamKeyModifiers = 'kmod' };
+enum {
+    kEventParamDirectObject = '----',
+    kEventParamControlPart = 'cprt',
+    kEventParamKeyModifiers = 'kmod',
+    kEventParamPostTarget = 'ptrg'
+};
 enum {
     typeControlRef = 'ctrl',
     typeWindowRef = 'wind',
     typeHICommand = 'hcmd',
     typeControlPartCode = 'cprt',
     typeUInt32 = 'magn',
+    typeEventTargetRef = 'etrg',
     typeWildCard = '****'
 };
 enum { kEventAttributeNone = 0, kEventAttributeUserEvent = 1 };
+enum { kEventPriorityLow = 0, kEventPriorityStandard = 1, kEventPriorityHigh = 2 };
 enum { kHICommandOK = 'ok  ', kHICommandCancel = 'not!', kHICommandClose = 'clos' };
 
 EventHandlerUPP NewEventHandlerUPP(EventHandlerProcPtr userRoutine);
-void DisposeEventHandlerUPP(EventHandlerUPP userUPP);
 
 OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler, ItemCount inNumTypes,
                              const EventTypeSpec* inList, void* inUserData, EventHandlerRef* outRef);
@@ -106,7 +115,15 @@ OSStatus GetEventParameter(EventRef inEvent, EventParamName inName, EventParamTy
 UInt32 GetEventClass(EventRef inEvent);
 UInt32 GetEventKind(EventRef inEvent);
 EventTime GetCurrentEventTime(void);
+/* Dispatches on the calling thread; returns the handlers' answer. */
 OSStatus SendEventToEventTarget(EventRef inEvent, EventTargetRef inTarget);
+
+/* Queues: the main thread's, dispatched by whatever loop runs there, and one per
+ * other thread. Posting is thread safe; the event goes to its kEventParamPostTarget,
+ * else to the application target. */
+EventQueueRef GetMainEventQueue(void);
+EventQueueRef GetCurrentEventQueue(void);
+OSStatus PostEventToQueue(EventQueueRef inQueue, EventRef inEvent, EventPriority inPriority);
 
 void RunApplicationEventLoop(void);
 void QuitApplicationEventLoop(void);
@@ -136,12 +153,11 @@ Boolean IsWindowVisible(WindowRef window);
 OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* outControl);
 OSErr SetControlData(ControlRef inControl, ControlPartCode inPart, ResType inTagName, Size inSize,
                      const void* inData);
-OSErr GetControlData(ControlRef inControl, ControlPartCode inPart, ResType inTagName, Size inBufferSize,
-                     void* inBuffer, Size* outActualSize);
-WindowRef GetControlOwner(ControlRef inControl);
 HIViewRef HIViewGetRoot(WindowRef inWindow);
 OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outControl);
 OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage);
+
+#pragma pack(pop)
 
 #ifdef __cplusplus
 }

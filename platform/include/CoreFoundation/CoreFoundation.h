@@ -18,7 +18,8 @@ typedef const struct __CFString* CFStringRef;
 typedef const struct __CFURL* CFURLRef;
 typedef struct __CFBundle* CFBundleRef;
 
-#define kCFAllocatorDefault ((CFAllocatorRef)0)
+/* The default allocator: null. */
+extern const CFAllocatorRef kCFAllocatorDefault;
 
 enum { kCFStringEncodingMacRoman = 0, kCFStringEncodingASCII = 0x0600, kCFStringEncodingUTF8 = 0x08000100 };
 
@@ -41,7 +42,8 @@ CFTypeID CFStringGetTypeID(void);
 UniChar CFStringGetCharacterAtIndex(CFStringRef theString, CFIndex idx);
 
 /* File URLs. */
-typedef enum { kCFURLPOSIXPathStyle = 0 } CFURLPathStyle;
+typedef CFIndex CFURLPathStyle;
+enum { kCFURLPOSIXPathStyle = 0 };
 CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef alloc, CFStringRef filePath, CFURLPathStyle pathStyle,
                                        Boolean isDirectory);
 CFStringRef CFURLGetString(CFURLRef anURL);

@@ -18,7 +18,7 @@ extern "C" {
 #define KERN_PROC_ALL 0
 #define MAXCOMLEN 16
 
-/* One process as the kernel reports it: 648 bytes, command name at byte 243. */
+/* One process as the kernel reports it. */
 struct extern_proc {
     uint8_t p_un[16];
     void* p_vmspace;
@@ -63,31 +63,37 @@ struct extern_proc {
     void* p_ru;
 };
 
-struct eproc {
-    void* e_paddr;
-    void* e_sess;
-    uint8_t e_pcred[72];
-    uint8_t e_ucred[104];
-    uint8_t e_vm[72];
-    pid_t e_ppid;
-    pid_t e_pgid;
-    short e_jobc;
-    int e_tdev;
-    pid_t e_tpgid;
-    void* e_tsess;
-    char e_wmesg[8];
-    int32_t e_xsize;
-    short e_xrssize;
-    short e_xccount;
-    short e_xswrss;
-    int32_t e_flag;
-    char e_login[12];
-    int32_t e_spare[4];
-};
-
+/* 648 bytes: the process (296 bytes, command name at byte 243), then its extra
+ * data; the kernel's private records are opaque bytes here. */
 struct kinfo_proc {
     struct extern_proc kp_proc;
-    struct eproc kp_eproc;
+    struct eproc {
+        void* e_paddr;
+        void* e_sess;
+        union {
+            uint8_t bytes[104];
+            void* align;
+        } e_pcred;
+        uint8_t e_ucred[76];
+        union {
+            uint8_t bytes[64];
+            void* align;
+        } e_vm;
+        pid_t e_ppid;
+        pid_t e_pgid;
+        short e_jobc;
+        int32_t e_tdev;
+        pid_t e_tpgid;
+        void* e_tsess;
+        char e_wmesg[8];
+        int32_t e_xsize;
+        short e_xrssize;
+        short e_xccount;
+        short e_xswrss;
+        int32_t e_flag;
+        char e_login[12];
+        int32_t e_spare[4];
+    } kp_eproc;
 };
 
 int sysctl(int* name, unsigned int namelen, void* oldp, size_t* oldlenp, void* newp, size_t newlen);

@@ -24,6 +24,7 @@ std::mutex& ChoiceLock() {
     return *lock;
 }
 std::string* gForcedName = nullptr; /* guarded by ChoiceLock */
+int gWindowsAlive = 0;              /* guarded by ChoiceLock */
 
 bool IsSet(const char* variable) {
     const char* value = getenv(variable);
@@ -104,24 +105,32 @@ const PlatBackendOps* CurrentBackend() {
     return gBackend.load();
 }
 
-const PlatBackendOps* ChooseBackend() {
+const PlatBackendOps* AcquireBackend() {
     std::lock_guard<std::mutex> lock(ChoiceLock());
     const PlatBackendOps* backend = gBackend.load();
     if (backend == nullptr) {
         backend = gForcedName != nullptr ? Forced(*gForcedName) : Automatic();
         gBackend.store(backend);
     }
+    gWindowsAlive++;
     return backend;
+}
+
+void ReleaseBackend() {
+    std::lock_guard<std::mutex> lock(ChoiceLock());
+    if (gWindowsAlive > 0) {
+        gWindowsAlive--;
+    }
 }
 
 } // namespace plat
 
 void PlatSetBackend(const char* name) {
+    std::lock_guard<std::mutex> lock(ChoiceLock());
     /* Windows a backend has built stay with it. */
-    if (gBackend.load() != nullptr && plat::AnyWindowAlive()) {
+    if (gWindowsAlive > 0) {
         return;
     }
-    std::lock_guard<std::mutex> lock(ChoiceLock());
     delete gForcedName;
     gForcedName = name != nullptr ? new std::string(name) : nullptr;
     gBackend.store(nullptr);

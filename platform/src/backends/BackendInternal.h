@@ -1,4 +1,4 @@
-/* The choice of the window backend, shared by the window model and the loops. */
+/* The choice of the window backend, for the window model. */
 #ifndef PLATFORM_BACKENDINTERNAL_H
 #define PLATFORM_BACKENDINTERNAL_H
 
@@ -9,11 +9,10 @@ namespace plat {
 /* The backend in use; null until the first window is created. Any thread. */
 const PlatBackendOps* CurrentBackend();
 
-/* The backend in use, chosen now if this is the first window (main thread). */
-const PlatBackendOps* ChooseBackend();
-
-/* Whether a window exists that a backend has built. */
-bool AnyWindowAlive();
+/* The backend for a new window, chosen now if this is the first window, and the
+ * end of a window (main thread). While windows are alive the choice stays. */
+const PlatBackendOps* AcquireBackend();
+void ReleaseBackend();
 
 } // namespace plat
 

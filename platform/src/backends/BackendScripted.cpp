@@ -3,7 +3,6 @@
  * shown, so the next loop on the main thread handles it like a user's click. */
 #include "events/EventInternal.h"
 #include "backends/PlatBackend.h"
-#include "windows/WindowInternal.h"
 
 #include <PlatformTesting.h>
 
@@ -21,6 +20,7 @@ struct ScriptedAnswer {
 struct Script {
     std::mutex lock;
     std::map<std::string, ScriptedAnswer> answers; /* by nib window name */
+    std::map<std::string, int> showCounts;         /* by nib window name */
 };
 
 Script& TheScript() {
@@ -40,15 +40,19 @@ void ScriptedShowWindow(WindowRef window) {
     ScriptedAnswer answer{kPlatScriptNothing, {0, 0}};
     {
         std::lock_guard<std::mutex> lock(TheScript().lock);
+        TheScript().showCounts[info.nibName]++;
         auto it = TheScript().answers.find(info.nibName);
         if (it != TheScript().answers.end()) {
             answer = it->second;
         }
     }
     if (answer.action == kPlatScriptPressControl) {
-        ControlRef control = nullptr;
-        if (GetControlByID(window, &answer.control, &control) == noErr) {
-            PlatPostControlHit(control);
+        PlatControlInfo control;
+        for (size_t i = 0; PlatGetControlInfo(window, i, &control); i++) {
+            if (control.id.signature == answer.control.signature && control.id.id == answer.control.id) {
+                PlatPostControlHit(control.control);
+                break;
+            }
         }
     } else if (answer.action == kPlatScriptClose) {
         PlatPostWindowClose(window);
@@ -79,9 +83,16 @@ void PlatScriptSetAction(const char* windowName, PlatScriptAction action, OSType
 }
 
 void PlatScriptReset(void) {
-    {
-        std::lock_guard<std::mutex> lock(TheScript().lock);
-        TheScript().answers.clear();
+    std::lock_guard<std::mutex> lock(TheScript().lock);
+    TheScript().answers.clear();
+    TheScript().showCounts.clear();
+}
+
+int PlatScriptShowCount(const char* windowName) {
+    if (windowName == nullptr) {
+        return 0;
     }
-    plat::ResetShowRecords();
+    std::lock_guard<std::mutex> lock(TheScript().lock);
+    auto it = TheScript().showCounts.find(windowName);
+    return it == TheScript().showCounts.end() ? 0 : it->second;
 }

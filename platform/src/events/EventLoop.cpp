@@ -1,203 +1,255 @@
-/* The main thread's event queue and the application and modal loops.
+/* Event queues and the application loop.
  *
- * Events sent from other threads wait in the queue until a loop on the main thread
- * (or PlatDrainEvents) dispatches them. A loop dispatches one queued event at a
- * time and checks its quit condition after each, so it ends right after the
- * handler that asked has returned; with nothing queued it blocks in the backend's
- * pump(), or in the layer's own wait before a backend is chosen. */
-#include "backends/BackendInternal.h"
+ * Any thread may post to a queue. The main queue is dispatched by whatever loop
+ * runs on the main thread, one event at a time, highest priority first and in
+ * order of posting within a priority; a posted event goes to its
+ * kEventParamPostTarget, else to the application target. Other threads' queues
+ * hold what is posted to them: nothing here runs a loop on those threads. */
 #include "events/EventInternal.h"
 
 #include <PlatformTesting.h>
 
-#include <algorithm>
+#include <pthread.h>
+
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <set>
+#include <unordered_map>
 #include <vector>
 
 namespace {
 
-struct Queued {
-    EventRef event;
-    EventTargetRef target;
+constexpr int kPriorities = kEventPriorityHigh + 1;
+
+struct Queue {
+    std::deque<EventRef> byPriority[kPriorities];
 };
 
-/* The queue and the layer's own wake-up flag; separate from the model's lock so
+/* The queues and the layer's own wake-up flag; separate from the model's lock so
  * that a wait never holds it. */
-struct MainQueue {
+struct Queues {
     std::mutex lock;
     std::condition_variable wakeUp;
     bool woken = false;
-    std::deque<Queued> events;
+    uintptr_t mainQueue = 0;
+    std::unordered_map<uintptr_t, Queue> queues;
+    std::set<uintptr_t> posted; /* events in any queue */
 };
 
-MainQueue& Queue() {
-    static MainQueue* queue = new MainQueue;
-    return *queue;
+/* Lives until the process ends: other threads may post while static destructors run. */
+Queues& Q() {
+    static Queues* queues = [] {
+        Queues* q = new Queues;
+        q->mainQueue = plat::NewObjectId();
+        q->queues[q->mainQueue];
+        return q;
+    }();
+    return *queues;
 }
 
-/* A modal loop in progress, innermost last. */
-struct ModalFrame {
-    uintptr_t window;
-    bool quit;
+uintptr_t IdOf(const void* ref) {
+    return reinterpret_cast<uintptr_t>(ref);
+}
+
+/* Forgets a queue and releases what it still holds. */
+void DropQueue(uintptr_t id) {
+    std::vector<EventRef> held;
+    {
+        std::lock_guard<std::mutex> lock(Q().lock);
+        auto it = Q().queues.find(id);
+        if (it == Q().queues.end()) {
+            return;
+        }
+        for (std::deque<EventRef>& events : it->second.byPriority) {
+            for (EventRef event : events) {
+                Q().posted.erase(IdOf(event));
+                held.push_back(event);
+            }
+        }
+        Q().queues.erase(it);
+    }
+    for (EventRef event : held) {
+        ReleaseEvent(event);
+    }
+}
+
+/* A thread's own queue, made when first asked for, gone with the thread. */
+struct ThreadQueue {
+    uintptr_t id = 0;
+    ~ThreadQueue() {
+        if (id != 0) {
+            DropQueue(id);
+        }
+    }
 };
+thread_local ThreadQueue tQueue;
 
-/* Loop state, guarded by the model's lock so that quits may come from any thread. */
-bool gQuitApplication = false; /* kept until an application loop takes it */
-std::vector<ModalFrame*> gModalFrames;
+std::atomic<void (*)(void)> gWait{nullptr};
+std::atomic<void (*)(void)> gWake{nullptr};
 
-bool TakeApplicationQuit() {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-    bool quit = gQuitApplication;
-    gQuitApplication = false;
-    return quit;
+void WakeMainThread() {
+    plat::SignalWake();
+    if (void (*wake)(void) = gWake.load()) {
+        wake();
+    }
 }
 
-bool ModalQuitAsked(const ModalFrame& frame) {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-    return frame.quit;
-}
-
-/* Blocks until there may be something to do: user input or a wake-up. */
 void WaitForInput() {
-    const PlatBackendOps* backend = plat::CurrentBackend();
-    if (backend != nullptr && backend->pump != nullptr) {
-        backend->pump(-1);
+    if (void (*wait)(void) = gWait.load()) {
+        wait();
     } else {
         plat::WaitForWake(-1);
     }
+}
+
+/* Dispatches the main queue's next event; false when it was empty. */
+bool DispatchOnePosted() {
+    EventRef event = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(Q().lock);
+        Queue& main = Q().queues[Q().mainQueue];
+        for (int priority = kEventPriorityHigh; priority >= kEventPriorityLow && event == nullptr;
+             priority--) {
+            if (!main.byPriority[priority].empty()) {
+                event = main.byPriority[priority].front();
+                main.byPriority[priority].pop_front();
+            }
+        }
+        if (event == nullptr) {
+            return false;
+        }
+        Q().posted.erase(IdOf(event));
+    }
+    EventTargetRef target = nullptr;
+    if (GetEventParameter(event, kEventParamPostTarget, typeEventTargetRef, nullptr, sizeof target, nullptr,
+                          &target) != noErr) {
+        target = GetApplicationEventTarget();
+    }
+    /* A target gone since the event was posted drops it. */
+    SendEventToEventTarget(event, target);
+    ReleaseEvent(event);
+    return true;
+}
+
+/* The application loops running, innermost last, and whether a quit was asked. */
+int gApplicationLoops = 0;
+bool gApplicationQuit = false;
+
+bool TakeApplicationQuit(void*) {
+    bool quit = gApplicationQuit;
+    gApplicationQuit = false;
+    return quit;
 }
 
 } // namespace
 
 namespace plat {
 
-void PostToMainThread(EventRef event, EventTargetRef target) {
-    if (RetainEvent(event) == nullptr) {
-        return;
-    }
-    {
-        std::lock_guard<std::mutex> lock(Queue().lock);
-        Queue().events.push_back(Queued{event, target});
-    }
-    WakeMainThread();
-}
-
-bool DispatchOneQueued() {
-    Queued next;
-    {
-        std::lock_guard<std::mutex> lock(Queue().lock);
-        if (Queue().events.empty()) {
-            return false;
-        }
-        next = Queue().events.front();
-        Queue().events.pop_front();
-    }
-    /* A target disposed of since the event was queued drops it. */
-    DispatchNow(next.event, next.target);
-    ReleaseEvent(next.event);
-    return true;
+void SetLoopWaiter(void (*wait)(void), void (*wake)(void)) {
+    gWait.store(wait);
+    gWake.store(wake);
 }
 
 void SignalWake() {
     {
-        std::lock_guard<std::mutex> lock(Queue().lock);
-        Queue().woken = true;
+        std::lock_guard<std::mutex> lock(Q().lock);
+        Q().woken = true;
     }
-    Queue().wakeUp.notify_all();
-}
-
-void WakeMainThread() {
-    SignalWake();
-    const PlatBackendOps* backend = CurrentBackend();
-    if (backend != nullptr && backend->wake != nullptr) {
-        backend->wake();
-    }
+    Q().wakeUp.notify_all();
 }
 
 void WaitForWake(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(Queue().lock);
-    auto woken = [] { return Queue().woken; };
+    std::unique_lock<std::mutex> lock(Q().lock);
+    auto woken = [] { return Q().woken; };
     if (timeoutMs < 0) {
-        Queue().wakeUp.wait(lock, woken);
+        Q().wakeUp.wait(lock, woken);
     } else {
-        Queue().wakeUp.wait_for(lock, std::chrono::milliseconds(timeoutMs), woken);
+        Q().wakeUp.wait_for(lock, std::chrono::milliseconds(timeoutMs), woken);
     }
-    Queue().woken = false;
+    Q().woken = false;
+}
+
+void RunLoopUntil(bool (*done)(void* context), void* context) {
+    while (!done(context)) {
+        if (!DispatchOnePosted()) {
+            WaitForInput();
+        }
+    }
 }
 
 } // namespace plat
 
+EventQueueRef GetMainEventQueue(void) {
+    return reinterpret_cast<EventQueueRef>(Q().mainQueue);
+}
+
+EventQueueRef GetCurrentEventQueue(void) {
+    if (pthread_main_np()) {
+        return GetMainEventQueue();
+    }
+    if (tQueue.id == 0) {
+        uintptr_t id = plat::NewObjectId();
+        std::lock_guard<std::mutex> lock(Q().lock);
+        Q().queues[id];
+        tQueue.id = id;
+    }
+    return reinterpret_cast<EventQueueRef>(tQueue.id);
+}
+
+OSStatus PostEventToQueue(EventQueueRef inQueue, EventRef inEvent, EventPriority inPriority) {
+    if (inPriority < kEventPriorityLow || inPriority > kEventPriorityHigh) {
+        return paramErr;
+    }
+    /* The queue's own reference; an event that does not exist is refused here. */
+    if (RetainEvent(inEvent) == nullptr) {
+        return paramErr;
+    }
+    OSStatus status = noErr;
+    {
+        std::lock_guard<std::mutex> lock(Q().lock);
+        auto queue = Q().queues.find(IdOf(inQueue));
+        if (queue == Q().queues.end()) {
+            status = paramErr;
+        } else if (!Q().posted.insert(IdOf(inEvent)).second) {
+            status = eventAlreadyPostedErr;
+        } else {
+            queue->second.byPriority[inPriority].push_back(inEvent);
+        }
+    }
+    if (status != noErr) {
+        ReleaseEvent(inEvent);
+    } else if (IdOf(inQueue) == Q().mainQueue) {
+        WakeMainThread();
+    }
+    return status;
+}
+
 void RunApplicationEventLoop(void) {
-    if (!plat::IsMainThread()) {
+    if (plat::RefusedOffMainThread("RunApplicationEventLoop")) {
         return;
     }
-    while (!TakeApplicationQuit()) {
-        if (!plat::DispatchOneQueued()) {
-            WaitForInput();
-        }
-    }
+    gApplicationLoops++;
+    plat::RunLoopUntil(TakeApplicationQuit, nullptr);
+    gApplicationLoops--;
 }
 
+/* Ends the innermost application loop once the running handler has returned. With
+ * no application loop running there is nothing to end, and nothing is kept. */
 void QuitApplicationEventLoop(void) {
-    {
-        std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-        gQuitApplication = true;
+    if (plat::RefusedOffMainThread("QuitApplicationEventLoop")) {
+        return;
     }
-    if (!plat::IsMainThread()) {
-        plat::WakeMainThread();
+    if (gApplicationLoops > 0) {
+        gApplicationQuit = true;
     }
-}
-
-OSStatus RunAppModalLoopForWindow(WindowRef inWindow) {
-    if (!IsValidWindowPtr(inWindow)) {
-        return errInvalidWindowRef;
-    }
-    if (!plat::IsMainThread()) {
-        return eventInternalErr;
-    }
-    ModalFrame frame{reinterpret_cast<uintptr_t>(inWindow), false};
-    {
-        std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-        gModalFrames.push_back(&frame);
-    }
-    /* Disposing of the window ends its loop as well. */
-    while (!ModalQuitAsked(frame) && IsValidWindowPtr(inWindow)) {
-        if (!plat::DispatchOneQueued()) {
-            WaitForInput();
-        }
-    }
-    {
-        std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-        gModalFrames.erase(std::find(gModalFrames.begin(), gModalFrames.end(), &frame));
-    }
-    return noErr;
-}
-
-OSStatus QuitAppModalLoopForWindow(WindowRef inWindow) {
-    if (!IsValidWindowPtr(inWindow)) {
-        return errInvalidWindowRef;
-    }
-    {
-        std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-        for (auto it = gModalFrames.rbegin(); it != gModalFrames.rend(); ++it) {
-            if ((*it)->window == reinterpret_cast<uintptr_t>(inWindow) && !(*it)->quit) {
-                (*it)->quit = true;
-                break;
-            }
-        }
-    }
-    if (!plat::IsMainThread()) {
-        plat::WakeMainThread();
-    }
-    return noErr;
 }
 
 void PlatDrainEvents(void) {
-    if (!plat::IsMainThread()) {
+    if (plat::RefusedOffMainThread("PlatDrainEvents")) {
         return;
     }
-    while (plat::DispatchOneQueued()) {
+    while (DispatchOnePosted()) {
     }
 }

@@ -1,13 +1,13 @@
 /* The Carbon Event Manager: events with typed parameters, event targets and the
- * dispatch of an event to the handlers of its target and of the targets above it.
- *
- * Dispatch runs on the main thread only; from any other thread an event is
- * queued for the main thread's loop (EventLoop.cpp). */
+ * dispatch of an event to the handlers of its target and of the targets above it,
+ * on the calling thread. Queues and loops are in EventLoop.cpp. */
 #include "events/EventInternal.h"
 
-#include <sys/syscall.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -36,8 +36,6 @@ struct EventRec {
 };
 
 struct TargetRec {
-    plat::TargetKind kind;
-    uintptr_t owner;                 /* the window or control; 0 for the application */
     uintptr_t parent;                /* where unhandled events go next; 0 for the application */
     std::vector<uintptr_t> handlers; /* in installation order */
 };
@@ -62,7 +60,7 @@ Registry& Reg() {
     static Registry* registry = [] {
         Registry* r = new Registry;
         r->applicationTarget = plat::NewObjectId();
-        r->targets[r->applicationTarget] = TargetRec{plat::TargetKind::Application, 0, 0, {}};
+        r->targets[r->applicationTarget] = TargetRec{0, {}};
         return r;
     }();
     return *registry;
@@ -104,27 +102,6 @@ struct Dispatch {
 thread_local std::vector<Dispatch*> tRunning;
 
 OSStatus RunFrom(Dispatch& d);
-
-/* What happens to an event no handler took: a window's close event disposes of
- * the window (the standard window handler); everything else is dropped. */
-OSStatus StandardHandling(Dispatch& d) {
-    if (d.eventClass != kEventClassWindow || d.kind != kEventWindowClose || d.chain.empty()) {
-        return eventNotHandledErr;
-    }
-    uintptr_t window = 0;
-    {
-        std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-        auto it = Reg().targets.find(d.chain.front());
-        if (it != Reg().targets.end() && it->second.kind == plat::TargetKind::Window) {
-            window = it->second.owner;
-        }
-    }
-    if (window == 0) {
-        return eventNotHandledErr;
-    }
-    DisposeWindow(reinterpret_cast<WindowRef>(window));
-    return noErr;
-}
 
 OSStatus RunFrom(Dispatch& d) {
     for (;;) {
@@ -176,7 +153,7 @@ OSStatus RunFrom(Dispatch& d) {
             return result;
         }
     }
-    return StandardHandling(d);
+    return eventNotHandledErr;
 }
 
 } // namespace
@@ -194,51 +171,36 @@ uintptr_t NewObjectId() {
     return next.fetch_add(0x10);
 }
 
-bool IsMainThread() {
-    return static_cast<pid_t>(syscall(SYS_gettid)) == getpid();
+bool RefusedOffMainThread(const char* call) {
+    if (pthread_main_np()) {
+        return false;
+    }
+    const char* abortSwitch = getenv("PLAT_ABORT_ON_THREAD_MISUSE");
+    bool abortNow = abortSwitch != nullptr && strcmp(abortSwitch, "1") == 0;
+    fprintf(stderr, "platform: %s called off the main thread: %s\n", call, abortNow ? "aborting" : "refused");
+    if (abortNow) {
+        abort();
+    }
+    return true;
 }
 
-EventTargetRef CreateTarget(TargetKind kind, uintptr_t owner, EventTargetRef parent) {
+EventTargetRef CreateTarget(EventTargetRef parent) {
     std::lock_guard<std::recursive_mutex> lock(ModelLock());
     uintptr_t id = NewObjectId();
-    Reg().targets[id] = TargetRec{kind, owner, IdOf(parent), {}};
+    Reg().targets[id] = TargetRec{IdOf(parent), {}};
     return reinterpret_cast<EventTargetRef>(id);
 }
 
 void DestroyTarget(EventTargetRef target) {
     std::lock_guard<std::recursive_mutex> lock(ModelLock());
     auto it = Reg().targets.find(IdOf(target));
-    if (it == Reg().targets.end() || it->second.kind == TargetKind::Application) {
+    if (it == Reg().targets.end() || it->first == Reg().applicationTarget) {
         return;
     }
     for (uintptr_t handler : it->second.handlers) {
         Reg().handlers.erase(handler);
     }
     Reg().targets.erase(it);
-}
-
-/* Dispatches at once on the calling (main) thread; an unknown target drops the event. */
-OSStatus DispatchNow(EventRef event, EventTargetRef target) {
-    Dispatch d;
-    {
-        std::lock_guard<std::recursive_mutex> lock(ModelLock());
-        EventRec* rec = FindEvent(event);
-        if (rec == nullptr || Reg().targets.count(IdOf(target)) == 0) {
-            return paramErr;
-        }
-        rec->retainCount++; /* a handler may release it while it travels */
-        d.event = event;
-        d.eventClass = rec->eventClass;
-        d.kind = rec->kind;
-        for (uintptr_t t = IdOf(target); t != 0;) {
-            d.chain.push_back(t);
-            auto it = Reg().targets.find(t);
-            t = it == Reg().targets.end() ? 0 : it->second.parent;
-        }
-    }
-    OSStatus result = RunFrom(d);
-    ReleaseEvent(event);
-    return result;
 }
 
 } // namespace plat
@@ -248,8 +210,6 @@ OSStatus DispatchNow(EventRef event, EventTargetRef target) {
 EventHandlerUPP NewEventHandlerUPP(EventHandlerProcPtr userRoutine) {
     return userRoutine;
 }
-
-void DisposeEventHandlerUPP(EventHandlerUPP) {}
 
 OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler, ItemCount inNumTypes,
                              const EventTypeSpec* inList, void* inUserData, EventHandlerRef* outRef) {
@@ -405,16 +365,26 @@ EventTime GetCurrentEventTime(void) {
     return static_cast<EventTime>(now.tv_sec) + static_cast<EventTime>(now.tv_nsec) / 1e9;
 }
 
+/* On the calling thread, as on the Mac; an unknown event or target is refused. */
 OSStatus SendEventToEventTarget(EventRef inEvent, EventTargetRef inTarget) {
-    if (plat::IsMainThread()) {
-        return plat::DispatchNow(inEvent, inTarget);
-    }
+    Dispatch d;
     {
         std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-        if (FindEvent(inEvent) == nullptr || Reg().targets.count(IdOf(inTarget)) == 0) {
+        EventRec* rec = FindEvent(inEvent);
+        if (rec == nullptr || Reg().targets.count(IdOf(inTarget)) == 0) {
             return paramErr;
         }
+        rec->retainCount++; /* a handler may release it while it travels */
+        d.event = inEvent;
+        d.eventClass = rec->eventClass;
+        d.kind = rec->kind;
+        for (uintptr_t t = IdOf(inTarget); t != 0;) {
+            d.chain.push_back(t);
+            auto it = Reg().targets.find(t);
+            t = it == Reg().targets.end() ? 0 : it->second.parent;
+        }
     }
-    plat::PostToMainThread(inEvent, inTarget);
-    return noErr;
+    OSStatus result = RunFrom(d);
+    ReleaseEvent(inEvent);
+    return result;
 }

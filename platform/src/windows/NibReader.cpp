@@ -249,6 +249,9 @@ std::string PathOf(CFURLRef url) {
 } // namespace
 
 OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef) {
+    if (plat::RefusedOffMainThread("CreateNibReference")) {
+        return eventInternalErr;
+    }
     if (outNibRef == nullptr) {
         return paramErr;
     }
@@ -279,11 +282,17 @@ OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef) {
 }
 
 void DisposeNibReference(IBNibRef inNibRef) {
+    if (plat::RefusedOffMainThread("DisposeNibReference")) {
+        return;
+    }
     std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
     Nibs().erase(reinterpret_cast<uintptr_t>(inNibRef));
 }
 
 OSStatus CreateWindowFromNib(IBNibRef inNibRef, CFStringRef inName, WindowRef* outWindow) {
+    if (plat::RefusedOffMainThread("CreateWindowFromNib")) {
+        return eventInternalErr;
+    }
     if (outWindow == nullptr) {
         return paramErr;
     }

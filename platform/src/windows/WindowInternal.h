@@ -33,9 +33,6 @@ struct WindowDef {
  * now if this is the first window) build its native side. */
 OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow);
 
-/* Forgets what PlatScriptShowCount reports. */
-void ResetShowRecords();
-
 } // namespace plat
 
 #endif

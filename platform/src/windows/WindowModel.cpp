@@ -1,24 +1,27 @@
-/* Windows and controls (HIToolbox): the layer's model of what is on screen.
+/* Windows and controls (HIToolbox), built on the Event Manager: the layer's model
+ * of what is on screen, and the modal loops.
  *
  * The model owns every window and control and their event targets; a backend
  * only shows them, reading the model through PlatGetWindowInfo and
  * PlatGetControlInfo, and turns the user's input into events with
- * PlatPostControlHit and PlatPostWindowClose. */
+ * PlatPostControlHit and PlatPostWindowClose, posted to the main queue. Like the
+ * Mac's, all of it belongs to the main thread: a call from another thread is
+ * refused (RefusedOffMainThread). */
 #include "backends/BackendInternal.h"
 #include "events/EventInternal.h"
 #include "windows/WindowInternal.h"
 
 #include <PlatformTesting.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <map>
 #include <unordered_map>
 #include <vector>
 
 namespace {
 
-/* SetControlData or GetControlData with a tag the control does not have. */
+/* SetControlData with a tag the control does not have. */
 constexpr OSErr errDataNotSupported = -30586;
 
 struct ControlRec {
@@ -53,7 +56,6 @@ struct WindowRec {
 struct Model {
     std::unordered_map<uintptr_t, WindowRec> windows;
     std::unordered_map<uintptr_t, ControlRec> controls;
-    std::map<std::string, int> showCounts; /* by nib window name */
 };
 
 Model& M() {
@@ -99,6 +101,35 @@ WindowRec* NewestByName(const char* name) {
 
 const PlatBackendOps* Backend() {
     return plat::CurrentBackend();
+}
+
+/* An idle loop waits in the backend's pump(); another thread wakes it there. */
+void WaitInBackend() {
+    const PlatBackendOps* backend = Backend();
+    if (backend != nullptr && backend->pump != nullptr) {
+        backend->pump(-1);
+    } else {
+        plat::WaitForWake(-1);
+    }
+}
+
+void WakeBackend() {
+    const PlatBackendOps* backend = Backend();
+    if (backend != nullptr && backend->wake != nullptr) {
+        backend->wake();
+    }
+}
+
+/* The standard window handler, installed first on every window's target: a close
+ * that neither the window's own handlers nor those above it take disposes of the
+ * window. */
+OSStatus StandardWindowHandler(EventHandlerCallRef call, EventRef event, void* window) {
+    OSStatus status = CallNextEventHandler(call, event);
+    if (status != eventNotHandledErr) {
+        return status;
+    }
+    DisposeWindow(static_cast<WindowRef>(window));
+    return noErr;
 }
 
 /* Copies a decoded picture's pixels; false leaves the view empty. */
@@ -192,7 +223,7 @@ void ReleaseAll(const std::vector<CFStringRef>& strings) {
     }
 }
 
-/* A user event for the main thread's loop, with the object it concerns. */
+/* A user event for the main thread's loop, to the object it concerns. */
 void PostUserEvent(UInt32 eventClass, UInt32 kind, EventParamType type, const void* object,
                    EventTargetRef target) {
     EventRef event = nullptr;
@@ -201,8 +232,27 @@ void PostUserEvent(UInt32 eventClass, UInt32 kind, EventParamType type, const vo
         return;
     }
     SetEventParameter(event, kEventParamDirectObject, type, sizeof(object), &object);
-    plat::PostToMainThread(event, target);
+    SetEventParameter(event, kEventParamPostTarget, typeEventTargetRef, sizeof target, &target);
+    PostEventToQueue(GetMainEventQueue(), event, kEventPriorityStandard);
     ReleaseEvent(event);
+}
+
+/* Static texts and push buttons (their captions) hold the CFString text tag. */
+bool CarriesText(const ControlRec& rec) {
+    return !rec.isRoot && (rec.kind == kPlatControlStaticText || rec.kind == kPlatControlPushButton);
+}
+
+/* A modal loop in progress, innermost last. */
+struct ModalFrame {
+    WindowRef window;
+    bool quit;
+};
+std::vector<ModalFrame*> gModalFrames;
+
+/* Disposing of the window ends its loop as well. */
+bool ModalLoopDone(void* context) {
+    const ModalFrame* frame = static_cast<const ModalFrame*>(context);
+    return frame->quit || !IsValidWindowPtr(frame->window);
 }
 
 } // namespace
@@ -211,7 +261,8 @@ namespace plat {
 
 OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
     *outWindow = nullptr;
-    const PlatBackendOps* backend = ChooseBackend();
+    const PlatBackendOps* backend = AcquireBackend();
+    SetLoopWaiter(WaitInBackend, WakeBackend);
 
     /* Pictures are decoded before the model is touched: it takes the disk. */
     std::vector<ControlRec> controls(def.controls.size());
@@ -234,7 +285,7 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
     {
         Lock lock(ModelLock());
         WindowRec window;
-        window.target = CreateTarget(TargetKind::Window, id, GetApplicationEventTarget());
+        window.target = CreateTarget(GetApplicationEventTarget());
         window.nibName = def.name;
         window.title = def.title;
         window.width = def.width;
@@ -244,7 +295,7 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
         window.root = NewObjectId();
         ControlRec root{};
         root.window = id;
-        root.target = CreateTarget(TargetKind::Control, window.root, window.target);
+        root.target = CreateTarget(window.target);
         root.isRoot = true;
         root.frame = PlatRect{0, 0, def.width, def.height};
         M().controls[window.root] = std::move(root);
@@ -252,7 +303,7 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
         for (ControlRec& c : controls) {
             uintptr_t controlId = NewObjectId();
             c.window = id;
-            c.target = CreateTarget(TargetKind::Control, controlId, window.target);
+            c.target = CreateTarget(window.target);
             M().controls[controlId] = std::move(c);
             window.controls.push_back(controlId);
         }
@@ -260,7 +311,12 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
     }
 
     WindowRef window = reinterpret_cast<WindowRef>(id);
-    OSStatus status = backend->createWindow != nullptr ? backend->createWindow(window) : noErr;
+    const EventTypeSpec close = {kEventClassWindow, kEventWindowClose};
+    OSStatus status =
+        InstallEventHandler(GetWindowEventTarget(window), StandardWindowHandler, 1, &close, window, nullptr);
+    if (status == noErr && backend->createWindow != nullptr) {
+        status = backend->createWindow(window);
+    }
     if (status != noErr) {
         std::vector<CFStringRef> strings;
         {
@@ -268,20 +324,11 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
             strings = EraseWindow(id);
         }
         ReleaseAll(strings);
+        ReleaseBackend();
         return status;
     }
     *outWindow = window;
     return noErr;
-}
-
-void ResetShowRecords() {
-    Lock lock(ModelLock());
-    M().showCounts.clear();
-}
-
-bool AnyWindowAlive() {
-    Lock lock(ModelLock());
-    return !M().windows.empty();
 }
 
 } // namespace plat
@@ -289,6 +336,9 @@ bool AnyWindowAlive() {
 /* ---- Windows ---- */
 
 void ShowWindow(WindowRef window) {
+    if (plat::RefusedOffMainThread("ShowWindow")) {
+        return;
+    }
     {
         Lock lock(plat::ModelLock());
         WindowRec* rec = LiveWindow(window);
@@ -296,7 +346,6 @@ void ShowWindow(WindowRef window) {
             return;
         }
         rec->visible = true;
-        M().showCounts[rec->nibName]++;
     }
     if (Backend() != nullptr && Backend()->showWindow != nullptr) {
         Backend()->showWindow(window);
@@ -304,6 +353,9 @@ void ShowWindow(WindowRef window) {
 }
 
 void HideWindow(WindowRef window) {
+    if (plat::RefusedOffMainThread("HideWindow")) {
+        return;
+    }
     {
         Lock lock(plat::ModelLock());
         WindowRec* rec = LiveWindow(window);
@@ -318,6 +370,9 @@ void HideWindow(WindowRef window) {
 }
 
 void DisposeWindow(WindowRef window) {
+    if (plat::RefusedOffMainThread("DisposeWindow")) {
+        return;
+    }
     {
         Lock lock(plat::ModelLock());
         WindowRec* rec = LiveWindow(window);
@@ -336,36 +391,48 @@ void DisposeWindow(WindowRef window) {
         strings = EraseWindow(IdOf(window));
     }
     ReleaseAll(strings);
-    /* A modal loop for this window ends; it may be waiting for input. */
-    if (!plat::IsMainThread()) {
-        plat::WakeMainThread();
-    }
+    plat::ReleaseBackend();
 }
 
 Boolean IsValidWindowPtr(WindowRef possibleWindow) {
+    if (plat::RefusedOffMainThread("IsValidWindowPtr")) {
+        return false;
+    }
     Lock lock(plat::ModelLock());
     return LiveWindow(possibleWindow) != nullptr;
 }
 
 Boolean IsWindowVisible(WindowRef window) {
+    if (plat::RefusedOffMainThread("IsWindowVisible")) {
+        return false;
+    }
     Lock lock(plat::ModelLock());
     WindowRec* rec = LiveWindow(window);
     return rec != nullptr && rec->visible;
 }
 
 EventTargetRef GetWindowEventTarget(WindowRef inWindow) {
+    if (plat::RefusedOffMainThread("GetWindowEventTarget")) {
+        return nullptr;
+    }
     Lock lock(plat::ModelLock());
     WindowRec* rec = LiveWindow(inWindow);
     return rec == nullptr ? nullptr : rec->target;
 }
 
 EventTargetRef GetControlEventTarget(ControlRef inControl) {
+    if (plat::RefusedOffMainThread("GetControlEventTarget")) {
+        return nullptr;
+    }
     Lock lock(plat::ModelLock());
     ControlRec* rec = LiveControl(inControl);
     return rec == nullptr ? nullptr : rec->target;
 }
 
 EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
+    if (plat::RefusedOffMainThread("HIObjectGetEventTarget")) {
+        return nullptr;
+    }
     Lock lock(plat::ModelLock());
     if (WindowRec* window = LiveWindow(reinterpret_cast<WindowRef>(inObject))) {
         return window->target;
@@ -379,6 +446,9 @@ EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
 /* ---- Controls ---- */
 
 OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* outControl) {
+    if (plat::RefusedOffMainThread("GetControlByID")) {
+        return eventInternalErr;
+    }
     if (outControl != nullptr) {
         *outControl = nullptr;
     }
@@ -400,19 +470,19 @@ OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* o
     return errUnknownControl;
 }
 
-WindowRef GetControlOwner(ControlRef inControl) {
-    Lock lock(plat::ModelLock());
-    ControlRec* rec = LiveControl(inControl);
-    return rec == nullptr ? nullptr : reinterpret_cast<WindowRef>(rec->window);
-}
-
 HIViewRef HIViewGetRoot(WindowRef inWindow) {
+    if (plat::RefusedOffMainThread("HIViewGetRoot")) {
+        return nullptr;
+    }
     Lock lock(plat::ModelLock());
     WindowRec* rec = LiveWindow(inWindow);
     return rec == nullptr ? nullptr : reinterpret_cast<HIViewRef>(rec->root);
 }
 
 OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outControl) {
+    if (plat::RefusedOffMainThread("HIViewFindByID")) {
+        return eventInternalErr;
+    }
     if (outControl == nullptr) {
         return paramErr;
     }
@@ -434,13 +504,11 @@ OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outCont
     return GetControlByID(window, &inID, outControl);
 }
 
-/* Static texts and push buttons (their captions) hold the CFString text tag. */
-static bool CarriesText(const ControlRec& rec) {
-    return !rec.isRoot && (rec.kind == kPlatControlStaticText || rec.kind == kPlatControlPushButton);
-}
-
 OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, Size inSize,
                      const void* inData) {
+    if (plat::RefusedOffMainThread("SetControlData")) {
+        return OSErr(eventInternalErr);
+    }
     if (inData == nullptr) {
         return paramErr;
     }
@@ -479,36 +547,10 @@ OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, S
     return noErr;
 }
 
-OSErr GetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, Size inBufferSize,
-                     void* inBuffer, Size* outActualSize) {
-    std::string text;
-    {
-        Lock lock(plat::ModelLock());
-        ControlRec* rec = LiveControl(inControl);
-        if (rec == nullptr) {
-            return paramErr;
-        }
-        if (inTagName != kControlStaticTextCFStringTag || !CarriesText(*rec)) {
-            return errDataNotSupported;
-        }
-        text = rec->text;
-    }
-    if (outActualSize != nullptr) {
-        *outActualSize = sizeof(CFStringRef);
-    }
-    if (inBuffer == nullptr) {
-        return noErr;
-    }
-    if (inBufferSize < static_cast<Size>(sizeof(CFStringRef))) {
-        return errDataSizeMismatch;
-    }
-    /* A new string: the caller releases it. */
-    CFStringRef string = CFStringCreateWithCString(kCFAllocatorDefault, text.c_str(), kCFStringEncodingUTF8);
-    std::memcpy(inBuffer, &string, sizeof string);
-    return string == nullptr ? OSErr(memFullErr) : OSErr(noErr);
-}
-
 OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage) {
+    if (plat::RefusedOffMainThread("HIImageViewSetImage")) {
+        return eventInternalErr;
+    }
     WindowRef window = nullptr;
     {
         Lock lock(plat::ModelLock());
@@ -526,6 +568,40 @@ OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage) {
     }
     if (Backend() != nullptr && Backend()->controlChanged != nullptr) {
         Backend()->controlChanged(window, inView);
+    }
+    return noErr;
+}
+
+/* ---- Modal loops ---- */
+
+OSStatus RunAppModalLoopForWindow(WindowRef inWindow) {
+    if (plat::RefusedOffMainThread("RunAppModalLoopForWindow")) {
+        return eventInternalErr;
+    }
+    if (!IsValidWindowPtr(inWindow)) {
+        return errInvalidWindowRef;
+    }
+    ModalFrame frame{inWindow, false};
+    gModalFrames.push_back(&frame);
+    plat::RunLoopUntil(ModalLoopDone, &frame);
+    gModalFrames.erase(std::find(gModalFrames.begin(), gModalFrames.end(), &frame));
+    return noErr;
+}
+
+/* Ends the innermost modal loop running for the window, once the running handler
+ * has returned. */
+OSStatus QuitAppModalLoopForWindow(WindowRef inWindow) {
+    if (plat::RefusedOffMainThread("QuitAppModalLoopForWindow")) {
+        return eventInternalErr;
+    }
+    if (!IsValidWindowPtr(inWindow)) {
+        return errInvalidWindowRef;
+    }
+    for (auto it = gModalFrames.rbegin(); it != gModalFrames.rend(); ++it) {
+        if ((*it)->window == inWindow && !(*it)->quit) {
+            (*it)->quit = true;
+            break;
+        }
     }
     return noErr;
 }
@@ -585,15 +661,6 @@ void PlatPostWindowClose(WindowRef window) {
 }
 
 /* ---- What tests see ---- */
-
-int PlatScriptShowCount(const char* windowName) {
-    if (windowName == nullptr) {
-        return 0;
-    }
-    Lock lock(plat::ModelLock());
-    auto it = M().showCounts.find(windowName);
-    return it == M().showCounts.end() ? 0 : it->second;
-}
 
 Boolean PlatScriptIsVisible(const char* windowName) {
     if (windowName == nullptr) {
