@@ -292,6 +292,9 @@ std::vector<std::string> PromptLines(WindowRef window) {
     std::vector<std::string> lines;
     if (!ButtonsOf(window).empty()) {
         Wrap(plat::CurrentTerminalText().prompt, Columns(), lines);
+        if (lines.back().empty() || lines.back().back() != ' ') {
+            lines.back() += ' '; /* the answer does not touch the prompt */
+        }
     }
     return lines;
 }
@@ -345,7 +348,7 @@ void Draw(WindowRef window) {
         frame += line + "\n";
     }
     for (size_t i = 0; i < promptLines.size(); i++) {
-        frame += promptLines[i] + (i + 1 < promptLines.size() ? "\n" : " ");
+        frame += promptLines[i] + (i + 1 < promptLines.size() ? "\n" : "");
     }
     /* the cursor ends on the last prompt line, or on the line after the frame */
     size_t cursorLine = lines.size() + (promptLines.empty() ? 0 : promptLines.size() - 1);
@@ -513,7 +516,7 @@ void AskAgain(WindowRef window, const std::string& reply) {
     for (const std::string& line : PromptLines(window)) {
         again += (again.empty() ? "" : "\n") + line;
     }
-    Emit(again + " ");
+    Emit(again);
 }
 
 /* A typed line: presses the button it names, if exactly one; true when it did.
