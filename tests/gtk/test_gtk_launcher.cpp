@@ -439,22 +439,32 @@ TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
 }
 
 // The same version installed: the warning box. It has no cancel button, so Escape does
-// nothing; its close box starts the application.
-TEST_F(LauncherWindowTest, WarningBoxCloseBoxStartsTheApplication) {
+// nothing; Space presses Yes, which has the focus, and the close box is as Yes: both
+// start the application.
+TEST_F(LauncherWindowTest, WarningBoxYesAndCloseBoxStartTheApplication) {
     Versions(5, 5);
-    Start();
-    unsigned long box = WaitForWindow(kBoxTitle);
-    ASSERT_NE(box, 0u) << Output();
-    ExpectDrawn(Photograph(box, "warning-box.png"), "WarnningBox_Installed", "logo", "MSG1");
-    PressKeys(box, "Escape");
-    Sleep(500);
-    EXPECT_NE(FindWindow(kBoxTitle), 0u) << "Escape closed a box without a cancel button";
-    EXPECT_EQ(OpenLog(), "") << "nothing starts before the user answers";
+    for (bool closeBox : {false, true}) {
+        SCOPED_TRACE(closeBox ? "close box" : "space");
+        fs::remove(root + "/open.log");
+        fs::remove(kLogFile);
+        Start();
+        unsigned long box = WaitForWindow(kBoxTitle);
+        ASSERT_NE(box, 0u) << Output();
+        ExpectDrawn(Photograph(box, "warning-box.png"), "WarnningBox_Installed", "logo", "MSG1");
+        PressKeys(box, "Escape");
+        Sleep(500);
+        EXPECT_NE(FindWindow(kBoxTitle), 0u) << "Escape closed a box without a cancel button";
+        EXPECT_EQ(OpenLog(), "") << "nothing starts before the user answers";
 
-    PressCloseBox(box);
-    EXPECT_EQ(Finish(), 0) << Output();
-    EXPECT_EQ(OpenLog(), "-a " + app + "\n");
-    EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
+        if (closeBox)
+            PressCloseBox(box);
+        else
+            PressKeys(box, "space");
+        EXPECT_EQ(Finish(), 0) << Output();
+        EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+        EXPECT_TRUE(LogHas({"AutoRunApplication end......"}));
+        EXPECT_EQ(closeBox, LogHas({"Close messageBox window"}));
+    }
 }
 
 // A message longer than its frame grows the box, moving the buttons down: no line is cut.
@@ -514,6 +524,7 @@ TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {
         Sleep(300);
         WriteFile(root + "/release-copy", "");
         EXPECT_EQ(Finish(), 0) << Output();
+        EXPECT_EQ(Output().find("Gdk"), std::string::npos) << Output();
         if (progressUp) {
             EXPECT_TRUE(LogHas({"copy mpkg to local end ....", "RunAppModalLoopForWindow exit.....",
                                 "Run Script,path: \"" + bundle + "/Contents/run_local_kestrun\""}));
