@@ -44,8 +44,11 @@ void ShowBox(const BoxLayout& layout, const char* textKey) {
     }
     g_msgBoxRef = window;
     g_msgBoxYesRef = GetControlRef(window, layout.yesSignature, 1);
+    // Return and Enter answer yes; Escape and Cmd-. answer no where the box asks.
+    SetWindowDefaultButton(window, g_msgBoxYesRef);
     if (layout.noSignature != 0) {
         g_msgBoxNoRef = GetControlRef(window, layout.noSignature, 1);
+        SetWindowCancelButton(window, g_msgBoxNoRef);
     }
     if (InstallEventHandler(GetApplicationEventTarget(), NewEventHandlerUPP(layout.clickHandler), 1,
                             CTRL_EVENT, nullptr, &g_appClickEventHandlerRef) != noErr) {

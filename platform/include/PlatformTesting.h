@@ -32,7 +32,9 @@ const char* PlatGetBackendName(void); /* null until chosen */
 typedef enum {
     kPlatScriptNothing = 0,  /* leave the window up */
     kPlatScriptPressControl, /* a hit on control {signature, id} */
-    kPlatScriptClose         /* the close box */
+    kPlatScriptClose,        /* the close box */
+    kPlatScriptReturn,       /* the Return key: the window's default button, if any */
+    kPlatScriptEscape        /* the Escape key: the window's cancel button, if any */
 } PlatScriptAction;
 
 /* Set the answer for windows created from the nib window of that name. The

@@ -78,6 +78,8 @@ std::string Shell(const std::string& command, int* status = nullptr) {
     return output;
 }
 
+std::string StartServer(pid_t* server);
+
 /* ---- The user at the X server ---- */
 unsigned long FindWindow(const std::string& title) {
     return std::strtoul(Shell("xdotool search --onlyvisible --name '^" + title + "$'").c_str(), nullptr, 10);
@@ -93,8 +95,39 @@ bool WaitForNoWindow(const std::string& title) {
     return Within(kWindowWaitMs, [&] { return FindWindow(title) == 0; });
 }
 
-void PressReturn(unsigned long window) {
-    Shell("xdotool windowfocus --sync " + std::to_string(window) + "; xdotool key Return");
+// Keys typed into the window, as xdotool names them ("Tab Tab Return", "ctrl+period").
+void PressKeys(unsigned long window, const std::string& keys) {
+    Shell("xdotool windowfocus --sync " + std::to_string(window) + "; xdotool key " + keys);
+}
+
+// A property of the window as xprop prints it.
+std::string Property(unsigned long window, const std::string& name) {
+    return Shell("xprop -id " + std::to_string(window) + " " + name);
+}
+
+// What the window lets a window manager offer: the functions of its Motif hints.
+enum { kMotifResize = 2, kMotifMove = 4, kMotifMinimise = 8, kMotifMaximise = 16, kMotifClose = 32 };
+long MotifFunctions(unsigned long window) {
+    long flags = 0, functions = -1;
+    std::string hints = Property(window, "_MOTIF_WM_HINTS");
+    size_t at = hints.find(" = ");
+    if (at == std::string::npos || sscanf(hints.c_str() + at, " = %li, %li", &flags, &functions) != 2 ||
+        !(flags & 1))
+        return -1;
+    return functions;
+}
+
+// A box as a Mac dialog: of the dialog type, of one size, offering only to move and close.
+void ExpectDialog(unsigned long window, bool closeBox) {
+    EXPECT_NE(Property(window, "_NET_WM_WINDOW_TYPE").find("_NET_WM_WINDOW_TYPE_DIALOG"), std::string::npos);
+    std::string hints = Property(window, "WM_NORMAL_HINTS");
+    int minW = 0, minH = 0, maxW = -1, maxH = -1;
+    size_t min = hints.find("minimum size:"), max = hints.find("maximum size:");
+    ASSERT_TRUE(min != std::string::npos && max != std::string::npos) << hints;
+    sscanf(hints.c_str() + min, "minimum size: %d by %d", &minW, &minH);
+    sscanf(hints.c_str() + max, "maximum size: %d by %d", &maxW, &maxH);
+    EXPECT_TRUE(minW == maxW && minH == maxH) << "resizable: " << hints;
+    EXPECT_EQ(MotifFunctions(window), kMotifMove | (closeBox ? kMotifClose : 0));
 }
 
 void Click(unsigned long window, int x, int y) {
@@ -330,19 +363,31 @@ class LauncherWindowTest : public testing::Test {
                              FixedPathGuard("/tmp/AutoSetup")};
 };
 
-// Return is Yes: the box goes, the progress window's modal loop runs inside the
-// button's handler while the copy runs, and "clos" from the worker takes it down.
+// The default button drawn as the suggested action: its frame is mostly blue.
+int BluePixels(const Picture& shot, Frame frame) {
+    return Count(shot, frame, [](const unsigned char* p) { return p[2] > 150 && p[2] > p[0] + 60; });
+}
+
+// Return is Yes wherever Tab moved the focus: the box goes, the progress window's
+// modal loop runs inside the button's handler while the copy runs, and "clos" from
+// the worker takes it down.
 TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     Versions(5, 4);
     Start();
     unsigned long box = WaitForWindow(kBoxTitle);
     ASSERT_NE(box, 0u) << Output();
-    ExpectDrawn(Photograph(box, "question-box.png"), "MessageBox_Installed", "logo", "MSG1");
-    PressReturn(box);
+    ExpectDialog(box, true);
+    Picture boxShot = Photograph(box, "question-box.png");
+    ExpectDrawn(boxShot, "MessageBox_Installed", "logo", "MSG1");
+    Frame yes = NibFrame("MessageBox_Installed", "YES1");
+    EXPECT_GT(BluePixels(boxShot, yes), yes.width * yes.height / 2) << "Yes is not drawn as the default";
+    EXPECT_EQ(BluePixels(boxShot, NibFrame("MessageBox_Installed", "NO11")), 0);
+    PressKeys(box, "Tab Tab Return");
     EXPECT_TRUE(WaitForNoWindow(kBoxTitle));
 
     unsigned long progress = WaitForWindow(kProgressTitle);
     ASSERT_NE(progress, 0u) << Output();
+    ExpectDialog(progress, false);
     Picture shot = Photograph(progress, "progress-window.png");
     ExpectDrawn(shot, "ProgressWindow", "copy", "TXT1");
     Picture later = Photograph(progress, "progress-window-later.png");
@@ -353,6 +398,7 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
         });
     EXPECT_GT(barChanged, 0) << "the indeterminate progress bar stood still";
     PressCloseBox(progress);
+    PressKeys(progress, "Escape");
     Sleep(300);
     EXPECT_NE(FindWindow(kProgressTitle), 0u) << "the progress window has no close box";
     EXPECT_FALSE(LogHas({"copy mpkg to local end ...."}));
@@ -369,33 +415,126 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     EXPECT_EQ(OpenLog(), "") << "Yes on a disc hands over to the installer script";
 }
 
-TEST_F(LauncherWindowTest, QuestionBoxNoByPointerStartsTheApplication) {
+// No by pointer, Escape and Ctrl-. (the cancel button) start the installed copy.
+TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
+    Versions(5, 4);
+    for (const std::string answer : {"pointer", "Escape", "ctrl+period"}) {
+        SCOPED_TRACE(answer);
+        fs::remove(root + "/open.log");
+        fs::remove(kLogFile);
+        Start();
+        unsigned long box = WaitForWindow(kBoxTitle);
+        ASSERT_NE(box, 0u) << Output();
+        Frame no = NibFrame("MessageBox_Installed", "NO11");
+        if (answer == "pointer")
+            Click(box, no.x + no.width / 2, no.y + no.height / 2);
+        else
+            PressKeys(box, answer);
+
+        EXPECT_EQ(Finish(), 0) << Output();
+        EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+        EXPECT_TRUE(LogHas({"AutoRunApplication end......"}));
+        EXPECT_FALSE(LogHas({"AutoInstallPkg Enter"}));
+    }
+}
+
+// The same version installed: the warning box. It has no cancel button, so Escape does
+// nothing; Space presses Yes, which has the focus, and the close box is as Yes: both
+// start the application.
+TEST_F(LauncherWindowTest, WarningBoxYesAndCloseBoxStartTheApplication) {
+    Versions(5, 5);
+    for (bool closeBox : {false, true}) {
+        SCOPED_TRACE(closeBox ? "close box" : "space");
+        fs::remove(root + "/open.log");
+        fs::remove(kLogFile);
+        Start();
+        unsigned long box = WaitForWindow(kBoxTitle);
+        ASSERT_NE(box, 0u) << Output();
+        ExpectDrawn(Photograph(box, "warning-box.png"), "WarnningBox_Installed", "logo", "MSG1");
+        PressKeys(box, "Escape");
+        Sleep(500);
+        EXPECT_NE(FindWindow(kBoxTitle), 0u) << "Escape closed a box without a cancel button";
+        EXPECT_EQ(OpenLog(), "") << "nothing starts before the user answers";
+
+        if (closeBox)
+            PressCloseBox(box);
+        else
+            PressKeys(box, "space");
+        EXPECT_EQ(Finish(), 0) << Output();
+        EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+        EXPECT_TRUE(LogHas({"AutoRunApplication end......"}));
+        EXPECT_EQ(closeBox, LogHas({"Close messageBox window"}));
+    }
+}
+
+// A message longer than its frame grows the box, moving the buttons down: no line is cut.
+TEST_F(LauncherWindowTest, LongMessageGrowsTheBox) {
+    std::string text;
+    for (int i = 1; i <= 12; ++i)
+        text += "Sentence " + std::to_string(i) + " of a message that needs more room than its frame. ";
+    WriteFile(bundle + "/Contents/Resources/en.lproj/custom.strings",
+              "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" + text +
+                  "\";\n");
     Versions(5, 4);
     Start();
     unsigned long box = WaitForWindow(kBoxTitle);
     ASSERT_NE(box, 0u) << Output();
-    Frame no = NibFrame("MessageBox_Installed", "NO11");
-    Click(box, no.x + no.width / 2, no.y + no.height / 2);
-
+    ExpectDialog(box, true);
+    Picture shot = Photograph(box, "question-box-long.png");
+    Frame size = NibFrame("MessageBox_Installed"), message = NibFrame("MessageBox_Installed", "MSG1");
+    EXPECT_EQ(shot.width, size.width);
+    ASSERT_GT(shot.height, size.height + 40) << "the box did not grow for its text";
+    // The rows the box grew by, between the message's frame and the buttons, hold text.
+    int grown = shot.height - size.height;
+    Frame added{message.x, message.y + message.height, message.width, grown};
+    EXPECT_GT(
+        Count(shot, added, [](const unsigned char* p) { return p[0] < 110 && p[1] < 110 && p[2] < 110; }),
+        30);
+    Frame yes = NibFrame("MessageBox_Installed", "YES1");
+    yes.y += grown;
+    EXPECT_GT(BluePixels(shot, yes), yes.width * yes.height / 2) << "Yes did not move down with the text";
+    PressKeys(box, "Escape");
     EXPECT_EQ(Finish(), 0) << Output();
     EXPECT_EQ(OpenLog(), "-a " + app + "\n");
-    EXPECT_TRUE(LogHas({"AutoRunApplication end......"}));
-    EXPECT_FALSE(LogHas({"AutoInstallPkg Enter"}));
 }
 
-// The same version installed: the warning box; its close box starts the application.
-TEST_F(LauncherWindowTest, WarningBoxCloseBoxStartsTheApplication) {
-    Versions(5, 5);
-    Start();
-    unsigned long box = WaitForWindow(kBoxTitle);
-    ASSERT_NE(box, 0u) << Output();
-    ExpectDrawn(Photograph(box, "warning-box.png"), "WarnningBox_Installed", "logo", "MSG1");
-    EXPECT_EQ(OpenLog(), "") << "nothing starts before the user answers";
-
-    PressCloseBox(box);
-    EXPECT_EQ(Finish(), 0) << Output();
-    EXPECT_EQ(OpenLog(), "-a " + app + "\n");
-    EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
+// A display that goes away: the question box answers as its close box; behind the
+// progress window the copy and the install go on. The launcher ends with 0 either way.
+TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {
+    Versions(5, 4);
+    std::string shared = getenv("DISPLAY");
+    for (bool progressUp : {false, true}) {
+        SCOPED_TRACE(progressUp ? "progress window" : "question box");
+        pid_t server = -1;
+        std::string display = StartServer(&server);
+        ASSERT_FALSE(display.empty());
+        setenv("DISPLAY", display.c_str(), 1);
+        fs::remove(kLogFile);
+        Start();
+        unsigned long window = WaitForWindow(kBoxTitle);
+        EXPECT_NE(window, 0u) << Output();
+        if (progressUp) {
+            PressKeys(window, "Return");
+            window = WaitForWindow(kProgressTitle);
+            EXPECT_NE(window, 0u) << Output();
+        }
+        kill(server, SIGKILL);
+        waitpid(server, nullptr, 0);
+        setenv("DISPLAY", shared.c_str(), 1);
+        Sleep(300);
+        WriteFile(root + "/release-copy", "");
+        EXPECT_EQ(Finish(), 0) << Output();
+        EXPECT_EQ(Output().find("Gdk"), std::string::npos) << Output();
+        if (progressUp) {
+            EXPECT_TRUE(LogHas({"copy mpkg to local end ....", "RunAppModalLoopForWindow exit.....",
+                                "Run Script,path: \"" + bundle + "/Contents/run_local_kestrun\""}));
+            EXPECT_EQ(ReadFile(app + "/SysConfig.dat"), SysConfig(5, 2, app))
+                << "the package was not installed";
+        } else {
+            EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+            EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
+        }
+    }
 }
 
 // A run that shows no window never loads GTK, even under a display. With both
@@ -414,29 +553,35 @@ TEST_F(LauncherWindowTest, RunsWithoutAWindowNeverLoadGtk) {
     EXPECT_EQ(loaded.find("PlatformGtk"), std::string::npos);
 }
 
+// An Xvfb of its own; its display name, or empty when it did not start.
+std::string StartServer(pid_t* server) {
+    int fds[2];
+    if (pipe(fds) != 0)
+        return "";
+    *server = fork();
+    if (*server == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        dup2(fds[1], 1);
+        dup2(open("/dev/null", O_WRONLY), 2);
+        close(fds[0]);
+        execlp("Xvfb", "Xvfb", "-displayfd", "1", "-noreset", "-screen", "0", "1280x1024x24", "-nolisten",
+               "tcp", "-extension", "GLX", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    std::string number;
+    for (char c; *server > 0 && read(fds[0], &c, 1) == 1 && c != '\n';)
+        number += c;
+    close(fds[0]);
+    return number.empty() ? "" : ":" + number;
+}
+
 // One Xvfb for the whole run, named by DISPLAY; it goes with this program however it ends.
 class ServerEnvironment : public testing::Environment {
     void SetUp() override {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        server = fork();
-        ASSERT_GE(server, 0);
-        if (server == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            dup2(fds[1], 1);
-            dup2(open("/dev/null", O_WRONLY), 2);
-            close(fds[0]);
-            execlp("Xvfb", "Xvfb", "-displayfd", "1", "-noreset", "-screen", "0", "1280x1024x24", "-nolisten",
-                   "tcp", "-extension", "GLX", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        std::string number;
-        for (char c; read(fds[0], &c, 1) == 1 && c != '\n';)
-            number += c;
-        close(fds[0]);
-        ASSERT_FALSE(number.empty()) << "Xvfb did not start";
-        setenv("DISPLAY", (":" + number).c_str(), 1);
+        std::string display = StartServer(&server);
+        ASSERT_FALSE(display.empty()) << "Xvfb did not start";
+        setenv("DISPLAY", display.c_str(), 1);
         unsetenv("WAYLAND_DISPLAY");
         setenv("NO_AT_BRIDGE", "1", 1); // no accessibility bus here; GTK would only warn
     }

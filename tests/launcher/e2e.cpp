@@ -23,6 +23,9 @@ bool WaitForFile(const std::string& path) {
     return fs::exists(path);
 }
 
+// The answer that closes the terminal instead of typing.
+const std::string kHangUp = "(hang up)";
+
 struct RunResult {
     int status = -1;
     time_t started = time(nullptr), ended = 0;
@@ -115,6 +118,12 @@ class EndToEnd : public ::testing::Test {
             if (!answered && run.output.find(prompt) != std::string::npos) {
                 answered = true;
                 std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                if (answer == kHangUp) {
+                    close(reader);
+                    reader = -1;
+                    readable = false;
+                    continue;
+                }
                 struct termios modes;
                 std::string typed = !answer.empty()                  ? answer
                                     : tcgetattr(reader, &modes) == 0 ? std::string(1, modes.c_cc[VEOF])
@@ -267,7 +276,8 @@ TEST_F(EndToEnd, OthersPathInstall) {
     EXPECT_EQ("-a\n" + app_ + "\n", ReadFile(opened_));
 }
 
-// An installed copy older than the package: the question box, on a terminal or nowhere.
+// An installed copy older than the package: the question box, on a terminal or nowhere. A
+// terminal that hangs up is the close box, and the launcher still ends as always.
 TEST_F(EndToEnd, QuestionBox) {
     const std::string prompt = "A newer version of Vantorel";
     Install(SysConfig(2, 0, 1, 0, 0, 0));
@@ -275,7 +285,9 @@ TEST_F(EndToEnd, QuestionBox) {
          std::vector<std::tuple<std::string, bool, std::string, bool>>{{"no screen", false, "", false},
                                                                        {"yes", true, "yes\n", true},
                                                                        {"no", true, "no\n", false},
-                                                                       {"end of input", true, "", false}}) {
+                                                                       {"escape", true, "\x1b", false},
+                                                                       {"end of input", true, "", false},
+                                                                       {"hang-up", true, kHangUp, false}}) {
         SCOPED_TRACE(name);
         fs::remove_all(kStaged);
         RunResult run = Launch(Disc("Volumes/" + name + "/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)),
@@ -288,6 +300,8 @@ TEST_F(EndToEnd, QuestionBox) {
         EXPECT_EQ(installs, FindMessage(run.log, "AutoInstallPkg Enter") >= 0) << run.output;
         EXPECT_EQ(installs, fs::exists(report_));
         EXPECT_TRUE(installs || WaitForFile(started_)) << run.output;
+        EXPECT_EQ(terminal && (answer.empty() || answer == kHangUp),
+                  FindMessage(run.log, "Close messageBox window") >= 0);
     }
 }
 

@@ -133,13 +133,11 @@ TEST_F(Install, BoxAnswers) {
              {"MessageBox", messageBox, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef, 0},
              {"MessageBox", messageBox, kPlatScriptPressControl, 'NO11', false, &g_msgBoxNoRef, 0},
              {"MessageBox", messageBox, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
-             {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'YES1', true, &g_msgBoxYesRef,
-              0},
-             {"MessageBox_Installed", messageBoxR7, kPlatScriptPressControl, 'NO11', false, &g_msgBoxYesRef,
-              0},
+             // Return presses Yes and Escape No: the box marks its default and cancel buttons.
+             {"MessageBox_Installed", messageBoxR7, kPlatScriptReturn, 0, true, &g_msgBoxYesRef, 0},
+             {"MessageBox_Installed", messageBoxR7, kPlatScriptEscape, 0, false, &g_msgBoxYesRef, 0},
              {"MessageBox_Installed", messageBoxR7, kPlatScriptClose, 0, false, &g_msgBoxNoRef, 1},
-             {"WarnningBox_Installed", WarningBoxR7, kPlatScriptPressControl, 'YES2', false, &g_msgBoxYesRef,
-              0},
+             {"WarnningBox_Installed", WarningBoxR7, kPlatScriptReturn, 0, false, &g_msgBoxYesRef, 0},
              {"WarnningBox_Installed", WarningBoxR7, kPlatScriptClose, 0, false, nullptr, 0}}) {
         SCOPED_TRACE(std::string(window) + (action == kPlatScriptClose ? " close" : " button"));
         PlatScriptSetAction(window, action, control, 1);

@@ -64,8 +64,20 @@ TEST_F(WindowsTest, WindowsAreBuiltAsDescribed) {
     EXPECT_EQ(view, yes);
     ControlID elsewhere = {'OK  ', 7};
     ControlRef control = nullptr;
-    NewWindow("Other");
+    WindowRef other = NewWindow("Other");
     EXPECT_EQ(GetControlByID(window, &elsewhere, &control), errUnknownControl);
+
+    // The default and cancel buttons are controls of the window itself; null clears.
+    ControlRef chosen = nullptr;
+    EXPECT_EQ(SetWindowDefaultButton(window, yes), noErr);
+    EXPECT_EQ(SetWindowCancelButton(window, Control(other, 'OK  ', 7)), errUnknownControl);
+    EXPECT_EQ(GetWindowCancelButton(window, &chosen), noErr);
+    EXPECT_EQ(chosen, nullptr);
+    EXPECT_EQ(GetWindowDefaultButton(window, &chosen), noErr);
+    EXPECT_EQ(chosen, yes);
+    EXPECT_EQ(SetWindowDefaultButton(window, nullptr), noErr);
+    EXPECT_EQ(GetWindowDefaultButton(window, &chosen), noErr);
+    EXPECT_EQ(chosen, nullptr);
 
     ControlRef text = Control(window, 'MSG1', 1);
     CFStringRef string = Str("\xE2\x82\xAC 5");
@@ -155,29 +167,34 @@ struct Pty {
     size_t consumed = 0;
 };
 
+// Prints which button a hit pressed, or that the close box was used, and ends the loop.
+OSStatus ReportAnswer(EventRef event, ControlRef yes, ControlRef no) {
+    ControlRef hit = nullptr;
+    GetEventParameter(event, kEventParamDirectObject, typeControlRef, nullptr, sizeof hit, nullptr, &hit);
+    bool close = GetEventClass(event) == kEventClassWindow;
+    printf("%s\n", close ? "CLOSED" : hit == yes ? "HIT Yes" : hit == no ? "HIT No" : "HIT other");
+    QuitApplicationEventLoop();
+    return noErr;
+}
+
 // The window drawn as text; a typed caption (any case) or first letter presses its
-// button, anything else asks again; end of input is the close box; a progress
+// button, Return alone the default button and Escape the cancel button; a line of
+// blanks or anything else asks again; end of input is the close box; a progress
 // indicator is a line that moves while its window is up.
 TEST_F(WindowsTest, TerminalDrawsWindowsAndTakesTypedAnswers) {
     Pty pty([this] {
         WindowRef box = NewWindow("Box"), other = NewWindow("Other"), progress = NewWindow("Progress");
-        ControlRef yes = Control(box, 'YES1', 1);
-        auto report = [yes](EventHandlerCallRef, EventRef event) {
-            ControlRef hit = nullptr;
-            GetEventParameter(event, kEventParamDirectObject, typeControlRef, nullptr, sizeof hit, nullptr,
-                              &hit);
-            bool close = GetEventClass(event) == kEventClassWindow;
-            printf("%s\n", close ? "CLOSED" : hit == yes ? "HIT Yes" : "HIT not Yes");
-            QuitApplicationEventLoop();
-            return noErr;
-        };
+        ControlRef yes = Control(box, 'YES1', 1), no = Control(box, 'NO11', 1);
+        SetWindowDefaultButton(box, yes);
+        SetWindowCancelButton(box, no);
+        auto report = [yes, no](EventHandlerCallRef, EventRef event) { return ReportAnswer(event, yes, no); };
         Install(GetApplicationEventTarget(), kHit, report);
         Install(GetApplicationEventTarget(), kClose, report);
         Install(GetApplicationEventTarget(), kCommand,
                 [progress](EventHandlerCallRef, EventRef) { return QuitAppModalLoopForWindow(progress); });
         ShowWindow(box);
-        RunApplicationEventLoop();
-        RunApplicationEventLoop();
+        for (int answers = 0; answers < 4; answers++)
+            RunApplicationEventLoop();
         DisposeWindow(box);
         ShowWindow(other);
         RunApplicationEventLoop();
@@ -192,16 +209,29 @@ TEST_F(WindowsTest, TerminalDrawsWindowsAndTakesTypedAnswers) {
     pty.Expect("=== Question ===");
     pty.Expect("Install the new version?");
     pty.Expect("[ No ]  [ Yes ]");
-    pty.Expect("Type No or Yes (or its first letter), Return for Yes, Ctrl-D to close: ");
+    pty.Expect("Return: Yes; Esc: No; Ctrl-D: close");
+    const std::string prompt = "Type the name of a button or its first letter: ";
+    pty.Expect(prompt);
     pty.Send("maybe\n");
-    pty.Expect("No button is called \"maybe\".");
+    pty.Expect("\"maybe\" is not one of the answers (No, Yes).");
+    pty.Expect(prompt);
+    pty.Send("   \n");
+    pty.Expect(prompt);
     pty.Send("n\n");
-    pty.Expect("HIT not Yes");
+    pty.Expect("HIT No");
+    pty.Send("\x1b");
+    pty.Expect("HIT No");
     pty.Send("  yEs \n");
     pty.Expect("HIT Yes");
+    pty.Send("\n");
+    pty.Expect("HIT Yes");
     pty.Expect("=== Second ===");
+    size_t second = pty.consumed;
+    pty.Send("\x1b\n"); // no cancel button, no default button: neither key answers
+    pty.Expect("Ctrl-D: close\r\nType the name of a button or its first letter: ");
     pty.Send("\x04");
     pty.Expect("CLOSED");
+    EXPECT_EQ(pty.output.find("HIT", second), std::string::npos) << pty.output.substr(second);
     pty.Expect("=== Copying ===");
     pty.Expect("DONE 0 with terminal");
 
@@ -210,6 +240,55 @@ TEST_F(WindowsTest, TerminalDrawsWindowsAndTakesTypedAnswers) {
     for (std::sregex_iterator m(pty.output.begin(), pty.output.end(), bar), end; m != end; ++m)
         positions.insert(static_cast<size_t>((*m)[1].length()));
     EXPECT_GE(positions.size(), 4u) << pty.output;
+}
+
+// In the user's language: the terminal's own words, and captions with letters beyond
+// ASCII taken in any case, whole or by their first letter. A hang-up is the close box.
+TEST_F(WindowsTest, TerminalSpeaksTheUsersLanguage) {
+    Pty pty([this] {
+        setenv("LANG", "de_DE.UTF-8", 1);
+        unsetenv("LC_ALL");
+        unsetenv("LC_MESSAGES");
+        WindowRef box = NewWindow("Box");
+        ControlRef yes = Control(box, 'YES1', 1), no = Control(box, 'NO11', 1);
+        for (const auto& [control, caption] : {std::pair{yes, "Installieren"}, std::pair{no, "\xC3\x96"
+                                                                                             "ffnen"}}) {
+            CFStringRef text = Str(caption);
+            SetControlData(control, 0, kControlStaticTextCFStringTag, sizeof text, &text);
+            CFRelease(text);
+        }
+        SetWindowDefaultButton(box, yes);
+        SetWindowCancelButton(box, no);
+        auto report = [yes, no](EventHandlerCallRef, EventRef event) { return ReportAnswer(event, yes, no); };
+        Install(GetApplicationEventTarget(), kHit, report);
+        Install(GetApplicationEventTarget(), kClose, report);
+        ShowWindow(box);
+        for (int answers = 0; answers < 3; answers++)
+            RunApplicationEventLoop();
+        printf("DONE\n");
+        return 0;
+    });
+    pty.Expect("[ \xC3\x96"
+               "ffnen ]  [ Installieren ]");
+    pty.Expect("Eingabetaste: Installieren; Esc: \xC3\x96"
+               "ffnen; Strg-D: schlie\xC3\x9F"
+               "en\r\nGeben Sie den Namen einer Schaltfl\xC3\xA4"
+               "che oder ihren Anfangsbuchstaben ein: ");
+    pty.Send("ja\n");
+    pty.Expect("\xE2\x80\x9E"
+               "ja\xE2\x80\x9C ist keine der m\xC3\xB6glichen Antworten (\xC3\x96"
+               "ffnen, Installieren).");
+    pty.Send("\xC3\xB6\n");
+    pty.Expect("HIT No");
+    pty.Send("INSTALLIEREN\n");
+    pty.Expect("HIT Yes");
+    close(pty.master);
+    pty.master = -1;
+    int status = -1;
+    for (int i = 0; i < 100 && waitpid(pty.pid, &status, WNOHANG) != pty.pid; i++)
+        usleep(50000);
+    pty.pid = -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a hang-up ended the program: " << status;
 }
 
 } // namespace

@@ -150,6 +150,13 @@ void DisposeWindow(WindowRef window);
 Boolean IsValidWindowPtr(WindowRef possibleWindow);
 Boolean IsWindowVisible(WindowRef window);
 
+/* Return and Enter press a window's default button; Escape and Command-period its
+ * cancel button. A null control clears the choice. */
+OSStatus SetWindowDefaultButton(WindowRef inWindow, ControlRef inControl);
+OSStatus SetWindowCancelButton(WindowRef inWindow, ControlRef inControl);
+OSStatus GetWindowDefaultButton(WindowRef inWindow, ControlRef* outControl);
+OSStatus GetWindowCancelButton(WindowRef inWindow, ControlRef* outControl);
+
 OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* outControl);
 OSErr SetControlData(ControlRef inControl, ControlPartCode inPart, ResType inTagName, Size inSize,
                      const void* inData);

@@ -56,6 +56,13 @@ void ScriptedShowWindow(WindowRef window) {
         }
     } else if (answer.action == kPlatScriptClose) {
         PlatPostWindowClose(window);
+    } else if (answer.action == kPlatScriptReturn || answer.action == kPlatScriptEscape) {
+        ControlRef control = nullptr;
+        OSStatus found = answer.action == kPlatScriptReturn ? GetWindowDefaultButton(window, &control)
+                                                            : GetWindowCancelButton(window, &control);
+        if (found == noErr && control != nullptr) {
+            PlatPostControlHit(control);
+        }
     }
 }
 

@@ -31,7 +31,8 @@ typedef struct PlatControlInfo {
     PlatRect frame;
     ControlID id;
     const char* text;      /* UTF-8: static text, or a button's caption */
-    Boolean isDefault;     /* push button pressed by Return */
+    Boolean isDefault;     /* push button pressed by Return and Enter */
+    Boolean isCancel;      /* push button pressed by Escape */
     Boolean indeterminate; /* progress indicator */
     /* image view: decoded picture as 8-bit RGBA rows, or null */
     const unsigned char* rgba;

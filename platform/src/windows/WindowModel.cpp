@@ -33,7 +33,6 @@ struct ControlRec {
     ControlID id;
     std::string text;              /* UTF-8 */
     CFStringRef textRef = nullptr; /* our reference to the last string set */
-    bool isDefault = false;
     bool indeterminate = false;
     std::vector<unsigned char> rgba;
     size_t imageWidth = 0;
@@ -51,6 +50,8 @@ struct WindowRec {
     bool disposing = false; /* no longer valid; the backend is tearing it down */
     uintptr_t root = 0;
     std::vector<uintptr_t> controls; /* in nib order, the root excluded */
+    uintptr_t defaultButton = 0;     /* pressed by Return and Enter; 0: none */
+    uintptr_t cancelButton = 0;      /* pressed by Escape; 0: none */
 };
 
 struct Model {
@@ -274,7 +275,6 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
         c.frame = d.frame;
         c.id = d.id;
         c.text = d.text;
-        c.isDefault = d.isDefault;
         c.indeterminate = d.indeterminate;
         if (d.kind == kPlatControlImageView) {
             LoadPicture(d.picture, c);
@@ -441,6 +441,65 @@ EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
         return control->target;
     }
     return nullptr;
+}
+
+/* Makes control the window's default or cancel button, and has the backend draw
+ * the button that lost the part and the one that got it. */
+static OSStatus SetWindowButton(WindowRef inWindow, ControlRef inControl, uintptr_t WindowRec::*button) {
+    uintptr_t old = 0;
+    {
+        Lock lock(plat::ModelLock());
+        WindowRec* window = LiveWindow(inWindow);
+        if (window == nullptr) {
+            return errInvalidWindowRef;
+        }
+        ControlRec* control = inControl == nullptr ? nullptr : LiveControl(inControl);
+        if (inControl != nullptr &&
+            (control == nullptr || control->isRoot || control->window != IdOf(inWindow))) {
+            return errUnknownControl;
+        }
+        old = window->*button;
+        window->*button = IdOf(inControl);
+    }
+    if (Backend() != nullptr && Backend()->controlChanged != nullptr) {
+        if (old != 0 && old != IdOf(inControl)) {
+            Backend()->controlChanged(inWindow, reinterpret_cast<ControlRef>(old));
+        }
+        if (inControl != nullptr) {
+            Backend()->controlChanged(inWindow, inControl);
+        }
+    }
+    return noErr;
+}
+
+static OSStatus GetWindowButton(WindowRef inWindow, ControlRef* outControl, uintptr_t WindowRec::*button) {
+    if (outControl == nullptr) {
+        return paramErr;
+    }
+    *outControl = nullptr;
+    Lock lock(plat::ModelLock());
+    WindowRec* window = LiveWindow(inWindow);
+    if (window == nullptr) {
+        return errInvalidWindowRef;
+    }
+    *outControl = reinterpret_cast<ControlRef>(window->*button);
+    return noErr;
+}
+
+OSStatus SetWindowDefaultButton(WindowRef inWindow, ControlRef inControl) {
+    return SetWindowButton(inWindow, inControl, &WindowRec::defaultButton);
+}
+
+OSStatus SetWindowCancelButton(WindowRef inWindow, ControlRef inControl) {
+    return SetWindowButton(inWindow, inControl, &WindowRec::cancelButton);
+}
+
+OSStatus GetWindowDefaultButton(WindowRef inWindow, ControlRef* outControl) {
+    return GetWindowButton(inWindow, outControl, &WindowRec::defaultButton);
+}
+
+OSStatus GetWindowCancelButton(WindowRef inWindow, ControlRef* outControl) {
+    return GetWindowButton(inWindow, outControl, &WindowRec::cancelButton);
 }
 
 /* ---- Controls ---- */
@@ -638,7 +697,8 @@ Boolean PlatGetControlInfo(WindowRef window, size_t index, PlatControlInfo* info
     info->frame = rec.frame;
     info->id = rec.id;
     info->text = rec.text.c_str();
-    info->isDefault = rec.isDefault;
+    info->isDefault = id == it->second.defaultButton;
+    info->isCancel = id == it->second.cancelButton;
     info->indeterminate = rec.indeterminate;
     info->rgba = rec.rgba.empty() ? nullptr : rec.rgba.data();
     info->imageWidth = rec.imageWidth;

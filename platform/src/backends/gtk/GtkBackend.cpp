@@ -1,5 +1,8 @@
-/* The GTK 3 window backend: shows the layer's windows as real windows on a display
- * and turns the user's clicks, Return key and close box into the layer's events.
+/* The GTK 3 window backend: shows the layer's windows as real dialogs on a display
+ * and turns the user's clicks, keys and close box into the layer's events: Return
+ * and Enter press the window's default button, Escape and Ctrl-. its cancel button.
+ * A display that goes away is, for each window with a close box, its close box;
+ * the program goes on without windows.
  *
  * The layer opens this module with dlopen only when the first window is created
  * under a display, so runs that show no window never load GTK. The module takes
@@ -9,7 +12,12 @@
 #include "backends/PlatBackend.h"
 
 #include <dlfcn.h>
+#include <gdk/gdkkeysyms.h>
+#include <gdk/gdkx.h>
 #include <gtk/gtk.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -41,23 +49,67 @@ bool ResolveLayer() {
 
 /* ---- Native windows, by the layer's window ---- */
 constexpr guint kPulseIntervalMs = 100; // how often an indeterminate bar moves
+// A text grows its window rather than be cut, up to this width; a longer word wraps.
+constexpr int kMaxTextWidth = 960;
 
 struct NativeControl {
     ControlRef control;
     PlatControlKind kind;
-    PlatRect frame;
+    PlatRect frame; // in the nib
     GtkWidget* widget;
+    GtkWidget* placed; // what the window holds: the widget, or the frame around a text
 };
 
 struct NativeWindow {
     WindowRef window;
     GtkWidget* toplevel;
+    GtkWidget* fixed; // places the controls at their frames
+    PlatRect size;    // the window's size in the nib
     std::vector<NativeControl> controls;
     guint pulseSource; // 0 while no indeterminate bar moves
 };
 
 // Windows still up when the program ends are freed with the map.
 std::unordered_map<WindowRef, std::unique_ptr<NativeWindow>> gWindows;
+
+/* ---- The display ---- */
+// Set by Xlib's handler when the connection to the X server is lost; from then
+// on GTK is not called again, and the loop waits on its own.
+bool gDisplayLost = false;
+bool gLossAnswered = false;
+
+int WakeFd() {
+    static int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return fd;
+}
+
+int OnDisplayLost(Display*) {
+    gDisplayLost = true;
+    return 0;
+}
+
+void OnDisplayLostExit(Display*, void*) {
+    // Returning keeps the process alive; Xlib makes no more calls on the display.
+}
+
+// Each window with a close box is closed as by the user; the others just vanish,
+// while whatever the program was doing goes on. The widgets are left as they
+// are: destroying them would talk to a display that is not there.
+void AnswerDisplayLoss() {
+    if (!gDisplayLost || gLossAnswered)
+        return;
+    gLossAnswered = true;
+    for (auto& [window, native] : gWindows) {
+        PlatWindowInfo info;
+        if (native->pulseSource) {
+            g_source_remove(native->pulseSource);
+            native->pulseSource = 0;
+        }
+        if (gLayer.getWindowInfo(window, &info) && info.hasCloseBox &&
+            gtk_widget_get_visible(native->toplevel))
+            gLayer.postWindowClose(window);
+    }
+}
 
 NativeWindow* NativeFor(WindowRef window) {
     auto it = gWindows.find(window);
@@ -69,6 +121,7 @@ void Flush() {
     // the X server must see the change now, not at the next loop round.
     if (GdkDisplay* display = gdk_display_get_default())
         gdk_display_flush(display);
+    AnswerDisplayLoss();
 }
 
 /* ---- Controls ---- */
@@ -103,9 +156,23 @@ void UpdateControl(const NativeControl& native, const PlatControlInfo& info) {
     case kPlatControlStaticText:
         gtk_label_set_text(GTK_LABEL(native.widget), text);
         break;
-    case kPlatControlPushButton:
+    case kPlatControlPushButton: {
         gtk_button_set_label(GTK_BUTTON(native.widget), text);
+        // The default button looks it, and has the focus, so Space presses it too.
+        GtkStyleContext* style = gtk_widget_get_style_context(native.widget);
+        GtkWindow* toplevel = GTK_WINDOW(gtk_widget_get_toplevel(native.widget));
+        if (info.isDefault) {
+            gtk_style_context_add_class(style, GTK_STYLE_CLASS_SUGGESTED_ACTION);
+            gtk_widget_set_can_default(native.widget, TRUE);
+            gtk_window_set_default(toplevel, native.widget);
+            gtk_window_set_focus(toplevel, native.widget);
+        } else {
+            gtk_style_context_remove_class(style, GTK_STYLE_CLASS_SUGGESTED_ACTION);
+            if (gtk_window_get_default_widget(toplevel) == native.widget)
+                gtk_window_set_default(toplevel, nullptr);
+        }
         break;
+    }
     case kPlatControlImageView: {
         GdkPixbuf* picture = PictureForFrame(info);
         gtk_image_set_from_pixbuf(GTK_IMAGE(native.widget), picture);
@@ -129,7 +196,7 @@ GtkWidget* CreateControlWidget(const PlatControlInfo& info) {
     case kPlatControlStaticText:
         widget = gtk_label_new(nullptr);
         gtk_label_set_line_wrap(GTK_LABEL(widget), TRUE);
-        gtk_label_set_line_wrap_mode(GTK_LABEL(widget), PANGO_WRAP_WORD_CHAR);
+        gtk_label_set_line_wrap_mode(GTK_LABEL(widget), PANGO_WRAP_WORD);
         gtk_label_set_xalign(GTK_LABEL(widget), 0.0f);
         gtk_label_set_yalign(GTK_LABEL(widget), 0.0f);
         break;
@@ -154,8 +221,7 @@ GtkWidget* CreateControlWidget(const PlatControlInfo& info) {
 }
 
 // A wrapping label asks for the width of its whole text; inside a borderless
-// scrolled window it gets exactly its frame, wraps at the frame's width, and what
-// does not fit is cut off at the frame as on the Mac.
+// scrolled window it gets exactly the size the layout gives it (see Layout).
 GtkWidget* FrameFor(GtkWidget* label, const PlatRect& frame) {
     GtkWidget* clip = gtk_scrolled_window_new(nullptr, nullptr);
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(clip), GTK_POLICY_NEVER, GTK_POLICY_EXTERNAL);
@@ -163,6 +229,64 @@ GtkWidget* FrameFor(GtkWidget* label, const PlatRect& frame) {
     gtk_container_add(GTK_CONTAINER(clip), label);
     gtk_widget_set_size_request(clip, std::max(frame.width, 1), std::max(frame.height, 1));
     return clip;
+}
+
+/* ---- Layout ---- */
+
+// The size a text needs to show every word whole: its frame, wider for a word
+// longer than the frame is wide, and taller for as many lines as it wraps into.
+PlatRect TextNeeds(GtkWidget* label, const PlatRect& frame) {
+    int minimum = 0, natural = 0;
+    gtk_label_set_line_wrap_mode(GTK_LABEL(label), PANGO_WRAP_WORD);
+    gtk_widget_get_preferred_width(label, &minimum, &natural);
+    if (minimum > kMaxTextWidth) {
+        gtk_label_set_line_wrap_mode(GTK_LABEL(label), PANGO_WRAP_WORD_CHAR);
+        gtk_widget_get_preferred_width(label, &minimum, &natural);
+    }
+    int width = std::max(frame.width, std::min(minimum, kMaxTextWidth));
+    gtk_widget_get_preferred_height_for_width(label, width, &minimum, &natural);
+    return PlatRect{frame.x, frame.y, width, std::max(frame.height, natural)};
+}
+
+// Places the controls at their nib frames, with room for every text: a text that
+// needs more room grows, the controls below it move down, and those in the right
+// half below it keep their distance to the right edge. The window grows with
+// them, and never gets smaller than in the nib.
+void Layout(NativeWindow* native) {
+    struct Growth {
+        PlatRect frame;
+        int down, right;
+    };
+    std::vector<Growth> growths;
+    int wider = 0;
+    for (const NativeControl& control : native->controls) {
+        if (control.kind != kPlatControlStaticText)
+            continue;
+        PlatRect needs = TextNeeds(control.widget, control.frame);
+        gtk_widget_set_size_request(control.placed, std::max(needs.width, 1), std::max(needs.height, 1));
+        growths.push_back(
+            {control.frame, needs.height - control.frame.height, needs.width - control.frame.width});
+        wider = std::max(wider, needs.width - control.frame.width);
+    }
+    int taller = 0;
+    for (const NativeControl& control : native->controls) {
+        int x = control.frame.x, y = control.frame.y;
+        for (const Growth& growth : growths) {
+            if (control.frame.y >= growth.frame.y + growth.frame.height) {
+                y += growth.down;
+                if (control.frame.x >= native->size.width / 2)
+                    x += wider;
+            } else if (control.frame.x >= growth.frame.x + growth.frame.width) {
+                x += growth.right;
+            }
+        }
+        gtk_fixed_move(GTK_FIXED(native->fixed), control.placed, x, y);
+        taller = std::max(taller, y - control.frame.y);
+    }
+    for (const Growth& growth : growths)
+        taller = std::max(taller, growth.down);
+    gtk_widget_set_size_request(native->fixed, std::max(native->size.width + wider, 1),
+                                std::max(native->size.height + taller, 1));
 }
 
 /* ---- Windows ---- */
@@ -175,6 +299,42 @@ gboolean OnDeleteEvent(GtkWidget*, GdkEvent*, gpointer window) {
     if (gLayer.getWindowInfo(static_cast<WindowRef>(window), &info) && info.hasCloseBox)
         gLayer.postWindowClose(static_cast<WindowRef>(window));
     return TRUE;
+}
+
+// The window's default (or cancel) button, or null.
+ControlRef ButtonFor(WindowRef window, bool cancel) {
+    PlatControlInfo info;
+    for (size_t i = 0; gLayer.getControlInfo(window, i, &info); ++i)
+        if (cancel ? info.isCancel : info.isDefault)
+            return info.control;
+    return nullptr;
+}
+
+// Return and Enter press the default button wherever the focus is, Escape and
+// Ctrl-. the cancel button; without such a button the key does nothing.
+gboolean OnKeyPress(GtkWidget*, GdkEventKey* event, gpointer window) {
+    bool control = (event->state & GDK_CONTROL_MASK) != 0;
+    bool isReturn = event->keyval == GDK_KEY_Return || event->keyval == GDK_KEY_KP_Enter ||
+                    event->keyval == GDK_KEY_ISO_Enter;
+    bool isCancel = event->keyval == GDK_KEY_Escape ||
+                    (control && (event->keyval == GDK_KEY_period || event->keyval == GDK_KEY_KP_Decimal));
+    if (!isReturn && !isCancel)
+        return FALSE;
+    if (ControlRef button = ButtonFor(static_cast<WindowRef>(window), isCancel))
+        gLayer.postControlHit(button);
+    return TRUE;
+}
+
+// A dialog offers to move, and to close only with a close box: no minimise,
+// maximise or resize.
+void OnRealize(GtkWidget* toplevel, gpointer window) {
+    PlatWindowInfo info;
+    GdkWindow* native = gtk_widget_get_window(toplevel);
+    if (!native || !gLayer.getWindowInfo(static_cast<WindowRef>(window), &info))
+        return;
+    gdk_window_set_functions(
+        native, static_cast<GdkWMFunction>(GDK_FUNC_MOVE | (info.hasCloseBox ? GDK_FUNC_CLOSE : 0)));
+    gdk_window_set_decorations(native, static_cast<GdkWMDecoration>(GDK_DECOR_BORDER | GDK_DECOR_TITLE));
 }
 
 gboolean PulseBars(gpointer data) {
@@ -202,52 +362,53 @@ bool HasIndeterminateBar(WindowRef window) {
 
 OSStatus CreateNativeWindow(WindowRef window) {
     PlatWindowInfo info;
+    if (gDisplayLost)
+        return errInvalidWindowRef; // nothing can be shown any more
     if (!gLayer.getWindowInfo(window, &info))
         return paramErr;
     if (NativeFor(window))
         return noErr;
 
-    auto owned =
-        std::make_unique<NativeWindow>(NativeWindow{window, gtk_window_new(GTK_WINDOW_TOPLEVEL), {}, 0});
+    auto owned = std::make_unique<NativeWindow>(NativeWindow{window,
+                                                             gtk_window_new(GTK_WINDOW_TOPLEVEL),
+                                                             gtk_fixed_new(),
+                                                             PlatRect{0, 0, info.width, info.height},
+                                                             {},
+                                                             0});
     NativeWindow* native = owned.get();
     GtkWindow* toplevel = GTK_WINDOW(native->toplevel);
     gtk_window_set_title(toplevel, info.title ? info.title : "");
+    gtk_window_set_type_hint(toplevel, GDK_WINDOW_TYPE_HINT_DIALOG);
     gtk_window_set_resizable(toplevel, FALSE);
     gtk_window_set_deletable(toplevel, info.hasCloseBox);
     gtk_window_set_position(toplevel, GTK_WIN_POS_CENTER);
     g_signal_connect(native->toplevel, "delete-event", G_CALLBACK(OnDeleteEvent), window);
+    g_signal_connect(native->toplevel, "key-press-event", G_CALLBACK(OnKeyPress), window);
+    g_signal_connect_after(native->toplevel, "realize", G_CALLBACK(OnRealize), window);
+    gtk_container_add(GTK_CONTAINER(native->toplevel), native->fixed);
 
-    GtkWidget* fixed = gtk_fixed_new();
-    gtk_widget_set_size_request(fixed, std::max(info.width, 1), std::max(info.height, 1));
-    gtk_container_add(GTK_CONTAINER(native->toplevel), fixed);
-
-    GtkWidget* defaultButton = nullptr;
     PlatControlInfo control;
     for (size_t i = 0; i < info.controlCount && gLayer.getControlInfo(window, i, &control); ++i) {
         GtkWidget* widget = CreateControlWidget(control);
         if (!widget)
             continue;
         GtkWidget* placed = control.kind == kPlatControlStaticText ? FrameFor(widget, control.frame) : widget;
-        gtk_fixed_put(GTK_FIXED(fixed), placed, control.frame.x, control.frame.y);
-        native->controls.push_back({control.control, control.kind, control.frame, widget});
+        gtk_fixed_put(GTK_FIXED(native->fixed), placed, control.frame.x, control.frame.y);
+        native->controls.push_back({control.control, control.kind, control.frame, widget, placed});
         UpdateControl(native->controls.back(), control);
-        if (control.kind == kPlatControlPushButton && control.isDefault && !defaultButton)
-            defaultButton = widget;
     }
-    if (defaultButton) {
-        // Return activates the focused button: the default one starts with the focus.
-        gtk_widget_set_can_default(defaultButton, TRUE);
-        gtk_window_set_default(toplevel, defaultButton);
-        gtk_window_set_focus(toplevel, defaultButton);
-    }
+    // A hidden widget measures nothing: the content is shown, the window not yet.
+    gtk_widget_show_all(native->fixed);
+    Layout(native);
     gWindows[window] = std::move(owned);
     return noErr;
 }
 
 void ShowNativeWindow(WindowRef window) {
     NativeWindow* native = NativeFor(window);
-    if (!native)
+    if (!native || gDisplayLost)
         return;
+    Layout(native); // its texts are set by now
     gtk_widget_show_all(native->toplevel);
     if (!native->pulseSource && HasIndeterminateBar(window))
         native->pulseSource = g_timeout_add(kPulseIntervalMs, PulseBars, native);
@@ -256,7 +417,7 @@ void ShowNativeWindow(WindowRef window) {
 
 void HideNativeWindow(WindowRef window) {
     NativeWindow* native = NativeFor(window);
-    if (!native)
+    if (!native || gDisplayLost)
         return;
     StopPulse(native);
     gtk_widget_hide(native->toplevel);
@@ -265,7 +426,7 @@ void HideNativeWindow(WindowRef window) {
 
 void DisposeNativeWindow(WindowRef window) {
     auto it = gWindows.find(window);
-    if (it == gWindows.end())
+    if (it == gWindows.end() || gDisplayLost)
         return;
     std::unique_ptr<NativeWindow> native = std::move(it->second);
     gWindows.erase(it);
@@ -276,7 +437,7 @@ void DisposeNativeWindow(WindowRef window) {
 
 void ControlChanged(WindowRef window, ControlRef control) {
     NativeWindow* native = NativeFor(window);
-    if (!native)
+    if (!native || gDisplayLost)
         return;
     PlatControlInfo info;
     for (size_t i = 0; gLayer.getControlInfo(window, i, &info); ++i) {
@@ -285,6 +446,8 @@ void ControlChanged(WindowRef window, ControlRef control) {
         for (const NativeControl& nativeControl : native->controls)
             if (nativeControl.control == control)
                 UpdateControl(nativeControl, info);
+        if (info.kind == kPlatControlStaticText)
+            Layout(native);
         return;
     }
 }
@@ -295,9 +458,24 @@ gboolean EndWait(gpointer) {
     return G_SOURCE_REMOVE;
 }
 
+// Without a display the loop waits for wake() alone.
+void WaitWithoutDisplay(int timeoutMs) {
+    struct pollfd wake = {WakeFd(), POLLIN, 0};
+    if (poll(&wake, 1, timeoutMs) > 0) {
+        uint64_t value;
+        (void)!read(WakeFd(), &value, sizeof value);
+    }
+}
+
 void Pump(int timeoutMs) {
+    if (gDisplayLost) {
+        AnswerDisplayLoss();
+        WaitWithoutDisplay(timeoutMs);
+        return;
+    }
     if (timeoutMs == 0) {
         g_main_context_iteration(nullptr, FALSE);
+        AnswerDisplayLoss();
         return;
     }
     // A private timer bounds the wait; it is gone again before we return, so nested
@@ -313,9 +491,12 @@ void Pump(int timeoutMs) {
         g_source_destroy(timer);
         g_source_unref(timer);
     }
+    AnswerDisplayLoss();
 }
 
 void Wake() {
+    uint64_t one = 1;
+    (void)!write(WakeFd(), &one, sizeof one);
     g_main_context_wakeup(nullptr);
 }
 
@@ -331,5 +512,11 @@ extern "C" __attribute__((visibility("default"))) const PlatBackendOps* PlatGtkB
         return nullptr;
     if (!gtk_init_check(nullptr, nullptr))
         return nullptr;
+    // GDK ends the process when the X server goes away; the program must go on.
+    GdkDisplay* display = gdk_display_get_default();
+    if (display && GDK_IS_X11_DISPLAY(display)) {
+        XSetIOErrorHandler(OnDisplayLost);
+        XSetIOErrorExitHandler(gdk_x11_display_get_xdisplay(display), OnDisplayLostExit, nullptr);
+    }
     return &kGtkBackend;
 }
