@@ -207,24 +207,6 @@ TEST_F(EndToEnd, Decisions) {
     }
 }
 
-// A path of 1013 characters still fits the launch command; one of 1017 (the longest a
-// configuration line holds) loses its closing quote and the shell refuses the command.
-TEST_F(EndToEnd, ApplicationPathsAtTheCommandLimit) {
-    for (size_t length : {1013u, 1017u}) {
-        std::string app = temp_ / "Applications/";
-        while (app.size() < length) {
-            app += std::string(std::min<size_t>(100, length - app.size()), 'd');
-            app += app.size() < length - 1 ? "/" : "";
-        }
-        fs::create_directories(app);
-        // Both layout fields 0: the application path itself is the presence test.
-        RunResult run =
-            Launch(Disc("disc" + std::to_string(length) + "/L.app", SysConfig(0, 0, 0, 0, 0, 0, app)));
-        EXPECT_EQ("AutoRunApplication --- AutoRunApplication end......", Calls(run.log, "main").back());
-        EXPECT_EQ(length == 1013 ? "-a\n" + app + "\n" : "", ReadFile(opened_)) << length;
-    }
-}
-
 // Through "/Volumes": staging with or without the progress window (without display or
 // terminal the worker is simply joined), then AutoSetup and the script; a running AutoSetup,
 // a missing AutoSetup or a missing package stop short.
@@ -255,16 +237,6 @@ TEST_F(EndToEnd, DashboardInstall) {
                     run.output.find("ProgressWindowHandler: event handled!") != std::string::npos)
             << run.output;
     }
-}
-
-// Away from a disc image the system Installer is run; it is absent here, and the launcher
-// goes on: the staged package is removed and the application started.
-TEST_F(EndToEnd, OthersPathInstall) {
-    RunResult run = Launch(Disc("Discs/Kestrun/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)));
-    int others = FindMessage(run.log, "**Install from others path**");
-    EXPECT_GT(FindMessage(run.log, "AutoRunApplication end......", others), others);
-    EXPECT_FALSE(fs::exists(kStaged));
-    EXPECT_EQ("-a\n" + app_ + "\n", ReadFile(opened_));
 }
 
 // An installed copy older than the package: the question box, on a terminal or nowhere.
