@@ -27,18 +27,6 @@ class Core : public InProcess {
 
 } // namespace
 
-TEST_F(Core, VersionValuesConvertLikeAtoi) {
-    WriteFile(dir_ / "values.dat", "[System]\nVRVersion=12abc\nBuildVersion=abc\nDebugVersion=\n"
-                                   "SPVersion=  7\nCustomizeVersion=-3\n[Other]\nMajorVersion=9\n");
-    ASSERT_TRUE(SetIniFileName((dir_ / "values.dat").c_str()));
-    VersionRecord record = V(1, 1, 1, 1, 1, 1);
-    // A key the section lacks reads as 0, and the record still counts as read.
-    EXPECT_TRUE(GetVersionCfg(&record));
-    EXPECT_EQ("12,0,0,7,-3,0", Fields(record));
-    EXPECT_FALSE(GetVersionCfg(NULL));
-    EXPECT_EQ("GetVersionCfg --- param error.", Calls(TakeLog(), "main").back());
-}
-
 // Only the word itself, in any case, turns the progress window on; a value keeps its blanks.
 TEST_F(Core, PackageSettings) {
     for (const auto& [lines, show] :
@@ -181,17 +169,6 @@ TEST(ChooseDialog, Tables) {
         EXPECT_EQ(dialog, ChooseDialog(&installed, &package, &key)) << rule;
         EXPECT_STREQ(textKey, key) << rule;
     }
-}
-
-TEST(StrRStr, FindsTheLastOccurrenceOverlapsIncluded) {
-    const char* text = "aaaa";
-    const char* path = "/x/Contents/y/Contents/MacOS";
-    EXPECT_EQ(text + 2, strrstr(text, "aa"));
-    EXPECT_EQ(path + 13, strrstr(path, "/Contents"));
-    EXPECT_EQ(nullptr, strrstr(path, "/contents"));
-    EXPECT_EQ(nullptr, strrstr(text, ""));
-    EXPECT_EQ(nullptr, strrstr(NULL, "a"));
-    EXPECT_EQ(nullptr, strrstr(text, NULL));
 }
 
 // Malformed or cut-short escapes stay as they are; nothing past the text is read.
