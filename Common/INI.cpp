@@ -5,6 +5,7 @@
 #include "Common/INI.h"
 
 #include "Common/Log.h"
+#include "Common/PlainFile.h"
 #include "bounded/bounded.h"
 
 #include <string.h>
@@ -18,6 +19,12 @@ constexpr const char* kSource = "Common/INI";
 constexpr size_t kLineSize = sizeof g_linetext; // a line holds at most kLineSize - 1 characters
 constexpr size_t kPatternSize = 128;
 
+// A pipe or a device "opens" as a file that cannot be opened; a directory opens and
+// yields no line.
+FILE* OpenConfigFile(const char* path) {
+    return OpenPlainFile(path, O_RDONLY, "rb", true);
+}
+
 } // namespace
 
 bool SetIniFileName(const char* path) {
@@ -25,7 +32,7 @@ bool SetIniFileName(const char* path) {
         Log(kSource, __func__, "param error.");
         return false;
     }
-    FILE* file = fopen(path, "rb");
+    FILE* file = OpenConfigFile(path);
     if (file == nullptr) {
         Log(kSource, __func__, "open file: %s failed, please check...\n", path);
         return false;
@@ -41,7 +48,7 @@ const char* ReadString(const char* section, const char* key, const char* default
         Log(kSource, __func__, "param error.");
         return defaultValue;
     }
-    FILE* file = fopen(g_filename, "rb");
+    FILE* file = OpenConfigFile(g_filename);
     if (file == nullptr) {
         Log(kSource, __func__, "open file: %s failed, please check...", g_filename);
         return defaultValue;
@@ -66,7 +73,7 @@ const char* ReadStringEx(const char* section, const char* key, const char* defau
         Log(kSource, __func__, "param error.");
         return defaultValue;
     }
-    FILE* file = fopen(g_filename, "rb");
+    FILE* file = OpenConfigFile(g_filename);
     if (file == nullptr) {
         Log(kSource, __func__, "open file: %s failed, please check...\n", g_filename);
         return defaultValue;

@@ -3,6 +3,7 @@
  * The log never reports anything and never stops its caller: a line that cannot be
  * written is lost and its number spent. */
 #include "Common/Log.h"
+#include "Common/PlainFile.h"
 
 #include "bounded/bounded.h"
 
@@ -85,7 +86,7 @@ void Log(const char* source, const char* func, const char* format, ...) {
                local.tm_sec, tag, func, message);
 
     if (g_stream == nullptr) {
-        g_stream = fopen(g_szlogFileName, "a+");
+        g_stream = OpenPlainFile(g_szlogFileName, O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW, "a+", false);
         if (g_stream == nullptr) {
             return;
         }
@@ -94,7 +95,7 @@ void Log(const char* source, const char* func, const char* format, ...) {
         long size = ftell(g_stream);
         if (size >= kEmptyFrom) {
             fclose(g_stream);
-            g_stream = fopen(g_szlogFileName, "w+");
+            g_stream = OpenPlainFile(g_szlogFileName, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, "w+", false);
             if (g_stream == nullptr) {
                 return;
             }

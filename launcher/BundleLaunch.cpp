@@ -13,8 +13,6 @@ constexpr const char* kContentsMarker = "/Contents";
 constexpr const char* kOpenCommand = "open -a \"";
 constexpr size_t kExecutablePathSize = 256;
 constexpr size_t kCommandSize = 1024;
-// A bundle URL's text: room for a 1023-character path with every byte escaped.
-constexpr size_t kURLTextSize = 4096;
 
 int HexDigitValue(char c) {
     if (c >= '0' && c <= '9') {
@@ -36,36 +34,39 @@ const char* URLPathPart(const char* text) {
     return path != NULL ? path : "";
 }
 
-// Systems before 10.5: the percent-decoded path of the bundle's own URL.
+// Systems before 10.5: the percent-decoded path of the bundle's own URL. The URL's text is
+// taken whole, however long; a path too long for the caller's buffer is cut there.
 bool GetBundlePathFromURL(CFBundleRef bundle, char* buffer, int32_t size) {
     CFURLRef bundleURL = CFBundleCopyBundleURL(bundle);
     if (bundleURL == NULL) {
         return false;
     }
-    char urlText[kURLTextSize];
-    char decoded[kURLTextSize];
-    memset_s(urlText, sizeof(urlText), 0, sizeof(urlText));
-    memset_s(decoded, sizeof(decoded), 0, sizeof(decoded));
-    // A URL without text leaves the buffer as it is; one too long for any bundle path
-    // the callers could use is refused.
     CFStringRef text = CFURLGetString(bundleURL);
-    bool fits = text == NULL || CFStringGetCString(text, urlText, sizeof(urlText), kCFStringEncodingUTF8);
+    size_t textSize =
+        text == NULL ? 1
+                     : CFStringGetMaximumSizeForEncoding(CFStringGetLength(text), kCFStringEncodingUTF8) + 1;
+    // Zero-filled: URLToString writes no terminator, and decodes to no more than it reads.
+    char* urlText = static_cast<char*>(calloc(textSize, 1));
+    char* decoded = static_cast<char*>(calloc(textSize, 1));
+    // A URL without text leaves the buffer as it is.
+    bool read = urlText != NULL && decoded != NULL &&
+                (text == NULL || CFStringGetCString(text, urlText, textSize, kCFStringEncodingUTF8));
     CFRelease(bundleURL);
-    if (!fits) {
-        return false;
+    if (read) {
+        URLToString(URLPathPart(urlText), decoded);
+        // The URL of a directory ends in "/"; the bundle path is given without it, as on
+        // later systems.
+        size_t length = strlen(decoded);
+        if (length > 1 && decoded[length - 1] == '/') {
+            decoded[length - 1] = '\0';
+        }
+        if (decoded[0] != '\0') {
+            strncpy_s(buffer, size, decoded, size - 1);
+        }
     }
-
-    URLToString(URLPathPart(urlText), decoded);
-    // The URL of a directory ends in "/"; the bundle path is given without it, as on
-    // later systems.
-    size_t length = strlen(decoded);
-    if (length > 1 && decoded[length - 1] == '/') {
-        decoded[length - 1] = '\0';
-    }
-    if (decoded[0] != '\0') {
-        strncpy_s(buffer, size, decoded, size - 1);
-    }
-    return true;
+    free(urlText);
+    free(decoded);
+    return read;
 }
 } // namespace
 

@@ -8,6 +8,7 @@
 
 #include "Common/INI.h"
 #include "Common/Log.h"
+#include "Common/PlainFile.h"
 #include "Launcher.h"
 #include "bounded/bounded.h"
 
@@ -36,6 +37,12 @@ void BuildInstalledPath(char* path, bool forConfig) {
     }
     strncpy_s(path, kPathSize, szAppPath, kPathSize - 1);
     strncat_s(path, kPathSize, suffix, kPathSize - 1 - strlen(path));
+}
+
+// The presence tests: a file or a folder (a package, a bundle) is present. A pipe or a
+// device is not what any tested path names, and opening one could block or act.
+FILE* OpenPresent(const char* path) {
+    return OpenPlainFile(path, O_RDONLY, "r", true);
 }
 } // namespace
 
@@ -121,7 +128,7 @@ bool IsApplicationExists() {
     memset_s(presencePath, sizeof(presencePath), 0, sizeof(presencePath));
     BuildInstalledPath(presencePath, false);
 
-    FILE* file = fopen(presencePath, "r");
+    FILE* file = OpenPresent(presencePath);
     if (file != NULL) {
         fclose(file);
         return true;
@@ -135,7 +142,7 @@ bool IsFileExist(const char* path) {
         Log(kSource, "IsFileExist", "param error");
         return false;
     }
-    FILE* file = fopen(path, "r");
+    FILE* file = OpenPresent(path);
     if (file != NULL) {
         Log(kSource, "IsFileExist", "File: %s exist", path);
         fclose(file);

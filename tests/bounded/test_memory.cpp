@@ -38,25 +38,31 @@ TEST(CopyS, CodesAndDestinationByRule) {
     }
 }
 
-TEST(CopyS, OverlapIsRefusedByMemcpyAndMovedByMemmove) {
-    // dest inside the source range, and src inside the destination range: the whole
-    // destination is cleared, not only count bytes.
-    for (size_t destAt : {4, 0}) {
-        char bytes[32];
-        memcpy(bytes, SOURCE, sizeof bytes);
-        EXPECT_EQ(memcpy_s(bytes + destAt, 12, bytes + 4 - destAt, 8), BOUNDED_EOVERLAP_RESET);
-        EXPECT_EQ(std::string(bytes + destAt, 13), std::string(12, '\0') + SOURCE[destAt + 12]);
+// Ranges side by side are copied; ranges that share one byte, from either side, are refused
+// by memcpy_s, which clears the whole destination, and moved by memmove_s.
+TEST(CopyS, OverlapBoundaries) {
+    constexpr size_t kCount = 8;
+    for (size_t shared : {0, 1}) {
+        for (bool destAbove : {true, false}) {
+            for (auto copy : {memcpy_s, memmove_s}) {
+                SCOPED_TRACE(std::to_string(shared) + (destAbove ? " dest above" : " dest below"));
+                char bytes[32];
+                memcpy(bytes, SOURCE, sizeof bytes);
+                char *lower = bytes + 4, *upper = lower + kCount - shared;
+                char* dest = destAbove ? upper : lower;
+                const char* src = destAbove ? lower : upper;
+                const std::string moved(SOURCE + (src - bytes), kCount);
+                bool refused = copy == memcpy_s && shared == 1;
+                EXPECT_EQ(copy(dest, kCount, src, kCount), refused ? BOUNDED_EOVERLAP_RESET : BOUNDED_OK);
+                EXPECT_EQ(std::string(dest, kCount), refused ? std::string(kCount, '\0') : moved);
+                EXPECT_EQ(dest[kCount], SOURCE[dest + kCount - bytes]);
+            }
+        }
     }
-    // The same address, adjacent ranges and a count of 0 are no overlap.
     char bytes[16];
     memcpy(bytes, SOURCE, sizeof bytes);
-    EXPECT_EQ(memcpy_s(bytes, 16, bytes, 16), BOUNDED_OK);
-    EXPECT_EQ(memcpy_s(bytes + 8, 8, bytes, 8), BOUNDED_OK);
-    EXPECT_EQ(memcpy_s(bytes + 1, 8, bytes, 0), BOUNDED_OK);
-    EXPECT_EQ(std::string(bytes, 16), "0123456701234567");
-    EXPECT_EQ(memmove_s(bytes + 2, 14, bytes, 8), BOUNDED_OK);
-    EXPECT_EQ(memmove_s(bytes, 16, bytes + 3, 4), BOUNDED_OK);
-    EXPECT_EQ(std::string(bytes, 16), "1234234567234567");
+    EXPECT_EQ(memcpy_s(bytes, 16, bytes, 16), BOUNDED_OK); // the same address is no overlap
+    EXPECT_EQ(std::string(bytes, 16), std::string(SOURCE, 16));
 }
 
 // Only the low byte of the value (0x141) is stored.

@@ -61,33 +61,42 @@ TEST(TextS, CodesAndTextByRule) {
     }
 }
 
-TEST(TextS, OverlapIsRefusedAndNeighboursAreNot) {
-    const struct {
-        TextFunction function;
-        char bytes[12];
-        size_t destAt, srcAt, count;
-        int code;
-        const char* result;
-    } cases[] = {
-        {strncpy_s, "abcdef", 2, 0, 6, BOUNDED_EOVERLAP_RESET, ""},
-        {strncpy_s, "abcdef", 0, 2, 6, BOUNDED_EOVERLAP_RESET, ""},
-        {strncpy_s, "abcdef", 0, 0, 3, BOUNDED_OK, "abc"},          // the same address is no overlap
-        {strncpy_s, "ab", 3, 0, 5, BOUNDED_OK, "ab"},               // a source that ends just before dest
-        {strncat_s, "abcdef", 0, 2, 2, BOUNDED_EOVERLAP_RESET, ""}, // source inside the text
-        {strncat_s, "ab\0\0\0xyz", 0, 5, 10, BOUNDED_EOVERLAP_RESET, ""}, // appended bytes run into it
-        {strncat_s, "ab\0\0\0x", 0, 5, 10, BOUNDED_OK, "abx"},            // ... unless it ends first
-        {strncat_s, "pqab", 2, 0, 5, BOUNDED_EOVERLAP_RESET, ""},         // reading on reaches dest
-        {strncat_s, "pq\0ab", 3, 0, 5, BOUNDED_OK, "abpq"},
-        {StrcpyS, "abcdef", 0, 0, 0, BOUNDED_OK, "abcdef"},
-        {StrcpyS, "abcdef", 3, 0, 0, BOUNDED_EOVERLAP_RESET, ""},
-    };
-    for (const auto& c : cases) {
-        char bytes[16] = {};
-        memcpy(bytes, c.bytes, sizeof c.bytes);
-        EXPECT_EQ(c.function(bytes + c.destAt, 10, bytes + c.srcAt, c.count), c.code)
-            << c.bytes << " at " << c.destAt;
-        EXPECT_STREQ(bytes + c.destAt, c.result) << c.bytes << " at " << c.destAt;
+// A text that ends just before the other range is copied or appended; one byte shared,
+// from either side, is refused with the empty text.
+TEST(TextS, OverlapBoundaries) {
+    for (size_t shared : {0, 1}) {
+        for (bool destAbove : {true, false}) {
+            SCOPED_TRACE(std::to_string(shared) + (destAbove ? " dest above" : " dest below"));
+            const int code = shared == 0 ? BOUNDED_OK : BOUNDED_EOVERLAP_RESET;
+            // Copies: the source "abcdefg" and its terminator take 8 bytes, as the copy does.
+            for (TextFunction copy : {cpy, StrcpyS}) {
+                char bytes[32] = {};
+                char *lower = bytes + 4, *upper = lower + 8 - shared;
+                char* dest = destAbove ? upper : lower;
+                char* src = destAbove ? lower : upper;
+                memcpy(src, "abcdefg", 8);
+                EXPECT_EQ(copy(dest, 8, src, 8), code);
+                EXPECT_STREQ(dest, shared == 0 ? "abcdefg" : "");
+            }
+            // Appending "xy" to "ab" writes up to the terminator at dest + 4; the source
+            // "xy" reads up to its terminator at src + 2.
+            char bytes[32] = {};
+            char* dest = bytes + 4 + (destAbove ? 3 - shared : 0);
+            char* src = bytes + 4 + (destAbove ? 0 : 5 - shared);
+            memcpy(src, "xy", 3);
+            memcpy(dest, "ab", 3);
+            EXPECT_EQ(cat(dest, 10, src, 10), code);
+            EXPECT_STREQ(dest, shared == 0 ? "abxy" : "");
+        }
     }
+    // The same address is no overlap for a copy; a source inside the destination's text is.
+    char bytes[16] = "abcdef";
+    EXPECT_EQ(cpy(bytes, 10, bytes, 3), BOUNDED_OK);
+    EXPECT_EQ(StrcpyS(bytes, 10, bytes, 0), BOUNDED_OK);
+    EXPECT_STREQ(bytes, "abc");
+    memcpy(bytes, "abcdef", 7);
+    EXPECT_EQ(cat(bytes, 10, bytes + 2, 2), BOUNDED_EOVERLAP_RESET);
+    EXPECT_STREQ(bytes, "");
 }
 
 } // namespace

@@ -3,7 +3,14 @@
 
 #include "Common/Log.h"
 
-#include "TempDir.h"
+#include "support/LogFile.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace kestrun_test;
 
 namespace {
 
@@ -12,21 +19,24 @@ class Ini : public ::testing::Test {
     void SetUp() override { InitLogSystem(log_.c_str()); }
     void TearDown() override { CloseLogSystem(); }
     std::string Use(const std::string& content) {
-        std::string path = dir_.Write("SysConfig.dat", content);
+        std::string path = dir_ / "SysConfig.dat";
+        WriteFile(path, content);
         EXPECT_TRUE(SetIniFileName(path.c_str()));
         return path;
     }
     // The reader's log lines since the last call, without their number, time and tag.
     std::string Messages() {
         CloseLogSystem();
-        std::string text = ReadWholeFile(log_).substr(seen_);
-        seen_ += text.size();
+        std::string text;
+        for (const std::string& call : Calls(ReadLog(log_), "INI")) {
+            text += call + "\n";
+        }
+        remove(log_.c_str());
         InitLogSystem(log_.c_str());
-        return std::regex_replace(text, std::regex(R"(line \d+===\S+ \S+   INI:)"), "");
+        return text;
     }
     TempDir dir_;
-    std::string log_ = dir_.File("test.log");
-    size_t seen_ = 0;
+    std::string log_ = dir_ / "test.log";
 };
 
 } // namespace
@@ -65,7 +75,7 @@ TEST_F(Ini, FindsTheValueOnTheKeysLine) {
 }
 
 TEST_F(Ini, FailedLookupsAndNullArgumentsAnswerTheDefaultAndSayWhy) {
-    std::string path = Use("[S]\nA=1\n"), missing = dir_.File("missing.dat");
+    std::string path = Use("[S]\nA=1\n"), missing = dir_ / "missing.dat";
     EXPECT_STREQ(ReadString("Nope", "A", "-"), "-");
     EXPECT_STREQ(ReadString("S", "Nope", "-"), "-");
     EXPECT_STREQ(ReadStringEx("Nope", "A", "-"), "-");
@@ -88,6 +98,20 @@ TEST_F(Ini, FailedLookupsAndNullArgumentsAnswerTheDefaultAndSayWhy) {
                               " failed, please check...\nReadStringEx --- open file: " + path +
                               " failed, please check...\n\nSectionExists --- not found the section\n"
                               "ReadString --- cfg section [S] not exists...\n");
+    // A pipe or a device does not open, and its open does not wait: it reads as a missing file.
+    alarm(20);
+    const std::string pipe = dir_ / "pipe.dat", zero = dir_ / "zero.dat";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    ASSERT_EQ(symlink("/dev/zero", zero.c_str()), 0);
+    EXPECT_FALSE(SetIniFileName(pipe.c_str()));
+    EXPECT_FALSE(SetIniFileName(zero.c_str()));
+    Use("[S]\nA=1\n");
+    ASSERT_EQ(rename(pipe.c_str(), path.c_str()), 0);
+    EXPECT_STREQ(GetInitKey("S", "A"), "");
+    alarm(0);
+    EXPECT_EQ(Messages(), "SetIniFileName --- open file: " + pipe + " failed, please check...\n\n" +
+                              "SetIniFileName --- open file: " + zero + " failed, please check...\n\n" +
+                              "ReadString --- open file: " + path + " failed, please check...\n");
     // Null arguments.
     const char* dflt = "-";
     EXPECT_FALSE(SetIniFileName(nullptr));

@@ -2,31 +2,27 @@
 // are checked relative to the first one a test sees, or in a fresh process.
 #include "Common/Log.h"
 
-#include "TempDir.h"
+#include "support/LogFile.h"
+
+#include <gtest/gtest.h>
 
 #include <stdio.h>
+#include <sys/stat.h>
 #include <thread>
 #include <time.h>
 #include <unistd.h>
-#include <vector>
+
+using namespace kestrun_test;
 
 namespace {
 
-struct LogLine {
-    int number;
-    std::string message;
-};
-
-std::vector<LogLine> ParseLog(const std::string& text) {
-    static const std::regex pattern(R"(line (\d+)===\d+-\d+-\d+ \d+:\d+:\d+   [^:]*:.* --- (.*)\n)");
-    std::vector<LogLine> lines;
-    auto at = text.cbegin();
-    for (std::smatch m;
-         std::regex_search(at, text.cend(), m, pattern, std::regex_constants::match_continuous);
-         at = m[0].second) {
-        lines.push_back({std::stoi(m[1]), m[2]});
+// The lines of a log text; a torn, malformed or unterminated line fails the test.
+std::vector<LogLine> ParseWhole(const std::string& text) {
+    std::vector<LogLine> lines = ParseLog(text);
+    for (const LogLine& line : lines) {
+        EXPECT_NE(line.number, 0) << "torn or malformed line: " << line.message;
     }
-    EXPECT_EQ(std::string(at, text.cend()), "") << "torn, malformed or unterminated line";
+    EXPECT_TRUE(text.empty() || text.back() == '\n') << "unterminated line";
     return lines;
 }
 
@@ -41,11 +37,11 @@ TEST(Log, LineFieldsMatchTheClockUnpadded) {
     setenv("TZ", zone.c_str(), 1); // no other test depends on the zone
     tzset();
     time_t before = time(nullptr);
-    InitLogSystem(dir.File("Kestrun.log").c_str());
+    InitLogSystem((dir / "Kestrun.log").c_str());
     Log("Common/INI", "ReadString", "value %d of %s", 7, "x");
     CloseLogSystem();
 
-    std::string text = ReadWholeFile(dir.File("Kestrun.log"));
+    std::string text = ReadFile(dir / "Kestrun.log");
     bool matched = false;
     for (time_t t = before; t <= time(nullptr); ++t) {
         struct tm tm = {};
@@ -61,7 +57,8 @@ TEST(Log, LineFieldsMatchTheClockUnpadded) {
 TEST(Log, NumbersStartAtOneAndRunOnAcrossInitCloseAndLostLines) {
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process, whatever ran before in this one
     TempDir dir;
-    std::string path = dir.Write("Kestrun.log", "old content\n");
+    std::string path = dir / "Kestrun.log";
+    WriteFile(path, "old content\n");
     auto run = [&] {
         InitLogSystem(path.c_str());
         Log("main", "f", "one");
@@ -69,18 +66,17 @@ TEST(Log, NumbersStartAtOneAndRunOnAcrossInitCloseAndLostLines) {
         Log("main", "f", nullptr);
         CloseLogSystem();
         Log("main", "f", "while off");
-        InitLogSystem(dir.File("no-such-dir/Kestrun.log").c_str());
+        InitLogSystem((dir / "no-such-dir/Kestrun.log").c_str());
         Log("main", "f", "lost to a missing directory");
         InitLogSystem(path.c_str());
         Log("main", "f", "two");
         CloseLogSystem();
-        std::string text = ReadWholeFile(path), seen = text.substr(0, 12);
-        for (const LogLine& line : ParseLog(text.substr(12))) {
+        std::string text = ReadFile(path), seen = text.substr(0, 12);
+        for (const LogLine& line : ParseWhole(text.substr(12))) {
             seen += std::to_string(line.number) + " " + line.message + "|";
         }
-        fprintf(stderr, "%s%s", seen.c_str(),
-                std::filesystem::exists(dir.File("no-such-dir")) ? " dir made" : "");
-        std::filesystem::remove_all(dir.path, dir.ignored); // _exit skips the destructor
+        fprintf(stderr, "%s%s", seen.c_str(), fs::exists(dir / "no-such-dir") ? " dir made" : "");
+        fs::remove_all(dir.path); // _exit skips the destructor
         _exit(0);
     };
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "^old content\n1 one\\|3 two\\|$"); // appended to
@@ -88,32 +84,77 @@ TEST(Log, NumbersStartAtOneAndRunOnAcrossInitCloseAndLostLines) {
 
 TEST(Log, FileIsEmptiedOnlyPastTenMillionBytes) {
     TempDir dir;
-    std::string path = dir.Write("Kestrun.log", "");
+    std::string path = dir / "Kestrun.log";
+    WriteFile(path, "");
     for (off_t size : {10000000, 10000001}) {
         ASSERT_EQ(truncate(path.c_str(), size), 0);
         InitLogSystem(path.c_str());
         Log("main", "f", "one line");
         CloseLogSystem();
-        std::string text = ReadWholeFile(path);
+        std::string text = ReadFile(path);
         ASSERT_EQ(text.size() < 10000000, size > 10000000) << size;
-        EXPECT_EQ(ParseLog(text.substr(text.size() < 10000000 ? 0 : size)).size(), 1u);
+        EXPECT_EQ(ParseWhole(text.substr(text.size() < 10000000 ? 0 : size)).size(), 1u);
     }
+}
+
+// Anyone can plant a link, a pipe or a folder at the log's path in /var/tmp: the log then
+// writes nothing, follows no link, creates no link's target and does not block.
+TEST(Log, WritesOnlyARegularFileNeverThroughALink) {
+    TempDir dir;
+    const std::string log = dir / "Kestrun.log", target = dir / "target", big = dir / "big";
+    auto write = [&](const char* message) {
+        InitLogSystem(log.c_str());
+        Log("main", "f", message);
+        CloseLogSystem();
+    };
+    WriteFile(target, "someone else's\n");
+    WriteFile(big, "");
+    ASSERT_EQ(truncate(big.c_str(), 10000016), 0);
+    ASSERT_EQ(symlink(big.c_str(), log.c_str()), 0);
+    write("into a big file");
+    ASSERT_EQ(remove(log.c_str()), 0);
+    ASSERT_EQ(symlink(target.c_str(), log.c_str()), 0);
+    write("into a small file");
+    ASSERT_EQ(remove(log.c_str()), 0);
+    ASSERT_EQ(symlink((dir / "dangling").c_str(), log.c_str()), 0);
+    write("through a dangling link");
+    ASSERT_EQ(remove(log.c_str()), 0);
+    alarm(20); // a pipe that blocked the open would end the test here
+    ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
+    write("into a pipe");
+    ASSERT_EQ(remove(log.c_str()), 0);
+    alarm(0);
+    EXPECT_EQ(fs::file_size(big), 10000016u);
+    EXPECT_EQ(ReadFile(target), "someone else's\n");
+    EXPECT_FALSE(fs::exists(dir / "dangling"));
+
+    // The file is emptied by reopening its name: a link put there meanwhile is not followed.
+    WriteFile(log, "");
+    ASSERT_EQ(truncate(log.c_str(), 10000000), 0);
+    InitLogSystem(log.c_str());
+    Log("main", "f", "grows the file past the limit");
+    ASSERT_EQ(rename(log.c_str(), (dir / "moved").c_str()), 0);
+    ASSERT_EQ(symlink(big.c_str(), log.c_str()), 0);
+    Log("main", "f", "would empty the link's target");
+    CloseLogSystem();
+    EXPECT_EQ(fs::file_size(big), 10000016u);
+    EXPECT_TRUE(fs::is_symlink(log));
 }
 
 TEST(Log, LongMessagesAreCutAndPercentSignsWrittenAsTheyStand) {
     TempDir dir;
-    InitLogSystem(dir.File("Kestrun.log").c_str());
+    InitLogSystem((dir / "Kestrun.log").c_str());
     Log("main", "f", "%s", std::string(3000, 'a').c_str());
-    Log("dir%d/tag%s%n", "fn%s%d", "%s", "msg %d %s %n %%");
+    Log("top/dir%d/sub/tag%s%n", "fn%s%d", "%s", "msg %d %s %n %%");
     Log("main", "g", "refused %n", static_cast<int*>(nullptr));
     CloseLogSystem();
 
     // The cut line keeps 2047 characters and loses its line feed: the next line follows on.
-    std::string text = ReadWholeFile(dir.File("Kestrun.log"));
+    std::string text = ReadFile(dir / "Kestrun.log");
     size_t body = text.find("main:f --- ") + 11;
     ASSERT_TRUE(body < 2047 && text.size() > 2047) << text;
     EXPECT_EQ(text.substr(body, 2047 - body), std::string(2047 - body, 'a'));
-    EXPECT_EQ(ParseLog(text.substr(2047)).size(), 2u);
+    EXPECT_EQ(ParseWhole(text.substr(2047)).size(), 2u);
     EXPECT_NE(text.find("   tag%s%n:fn%s%d --- msg %d %s %n %%\n"), std::string::npos);
     EXPECT_NE(text.find("   main:g --- \n"), std::string::npos) << "a refused format still writes its line";
 }
@@ -121,7 +162,7 @@ TEST(Log, LongMessagesAreCutAndPercentSignsWrittenAsTheyStand) {
 TEST(Log, ConcurrentWritersShareNoNumberAndTearNoLine) {
     TempDir dir;
     constexpr int kThreads = 4, kLines = 5000;
-    InitLogSystem(dir.File("Kestrun.log").c_str());
+    InitLogSystem((dir / "Kestrun.log").c_str());
     auto write = [](int t) {
         for (int i = 0; i < kLines; ++i) {
             Log("launcher/main", "Worker", "thread %d line %d", t, i);
@@ -132,7 +173,7 @@ TEST(Log, ConcurrentWritersShareNoNumberAndTearNoLine) {
     a.join(), b.join(), c.join();
     CloseLogSystem();
 
-    std::vector<LogLine> lines = ParseLog(ReadWholeFile(dir.File("Kestrun.log")));
+    std::vector<LogLine> lines = ParseWhole(ReadFile(dir / "Kestrun.log"));
     ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
     std::vector<int> nextOf(kThreads, 0);
     for (size_t k = 0; k < lines.size(); ++k) {

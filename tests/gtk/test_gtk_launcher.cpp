@@ -24,11 +24,13 @@
 #include <thread>
 #include <vector>
 
+#include "support/TempDir.h"
+
 #include <X11/Xlib.h> // after GoogleTest: its macros (None, Bool) clash with it
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace kestrun_test;
 using Clock = std::chrono::steady_clock;
 
 const std::string kLogFile = "/var/tmp/Kestrun.log";
@@ -47,20 +49,6 @@ bool Within(int ms, const std::function<bool()>& done) {
         if (done())
             return true;
     return done();
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
-
-void WriteFile(const std::string& path, const std::string& text, bool executable = false) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-    if (executable)
-        chmod(path.c_str(), 0755);
 }
 
 // A shell command's standard output; *status its exit status.
@@ -206,33 +194,10 @@ std::string SysConfig(int vr, int major, const std::string& appPath = "") {
     return text.str();
 }
 
-// A fixed path of the system moved aside for one test and put back after.
-class FixedPathGuard {
-  public:
-    explicit FixedPathGuard(const std::string& path) : path_(path), aside_(path + ".kestrun-gtk-aside") {
-        std::error_code ignored;
-        fs::remove_all(aside_, ignored);
-        fs::rename(path_, aside_, ignored);
-        moved_ = !ignored;
-    }
-    ~FixedPathGuard() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-        if (moved_)
-            fs::rename(aside_, path_, ignored);
-    }
-
-  private:
-    std::string path_, aside_;
-    bool moved_ = false;
-};
-
 class LauncherWindowTest : public testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/kestrun-gtk-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root = pattern;
+        ASSERT_TRUE(fs::is_directory(root));
         bundle = root + "/Volumes/Kestrun/Launcher.app";
         app = root + "/Applications/Vantorel.app";
         fs::create_directories(fs::path(bundle).parent_path());
@@ -260,8 +225,6 @@ class LauncherWindowTest : public testing::Test {
             kill(-launcher, SIGKILL);
             waitpid(launcher, nullptr, 0);
         }
-        std::error_code ignored;
-        fs::remove_all(root, ignored);
     }
 
     // The package on the disc and, when vr > 0, an installed copy.
@@ -357,7 +320,8 @@ class LauncherWindowTest : public testing::Test {
         EXPECT_GT(ink, 30) << window << ": the message text is missing";
     }
 
-    std::string root, bundle, app;
+    TempDir dir_;
+    std::string root = dir_.path, bundle, app;
     pid_t launcher = -1;
     FixedPathGuard guards[3]{FixedPathGuard(kLogFile), FixedPathGuard(kStagedPackage),
                              FixedPathGuard("/tmp/AutoSetup")};

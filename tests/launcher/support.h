@@ -1,6 +1,5 @@
-/* Shared harness of the launcher tests: temporary folders and files, the log read back line
- * by line, child processes under chosen names, the fixed paths kept aside, and commands
- * recorded by the wrapped system(). */
+/* Shared harness of the launcher tests: configurations, child processes under chosen names,
+ * commands recorded by the wrapped system(), and the launcher in-process. */
 #ifndef TESTS_LAUNCHER_SUPPORT_H
 #define TESTS_LAUNCHER_SUPPORT_H
 
@@ -12,9 +11,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -31,43 +27,18 @@
 #include "PlatformTesting.h"
 #endif
 
+#include "support/LogFile.h"
+
 extern char** environ;
 
 namespace launcher_test {
 
-namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
+using namespace kestrun_test;
 
 const std::string kLogFile = "/var/tmp/Kestrun.log";
 const std::string kStaged = "/tmp/qv_tmp_vantorel.mpkg";
 const std::string kAutoSetupCopy = "/tmp/AutoSetup";
 const std::string kPkgConfig = "/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat";
-
-// A folder under /tmp, removed with everything in it when the object goes.
-struct TempDir {
-    std::string path = MakeTemp();
-    ~TempDir() { fs::remove_all(path); }
-    std::string operator/(const std::string& relative) const { return path + "/" + relative; }
-    static std::string MakeTemp() {
-        char pattern[] = "/tmp/kestrun-launcher-XXXXXX";
-        return mkdtemp(pattern) != nullptr ? pattern : "/nonexistent";
-    }
-};
-
-inline void WriteFile(const std::string& path, const std::string& text, bool executable = false) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-    if (executable) {
-        chmod(path.c_str(), 0755);
-    }
-}
-
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
 
 // A "SysConfig.dat": the six version keys, then the application path section if given.
 inline std::string SysConfig(int vr, int build, int debug, int sp, int customize, int major,
@@ -79,53 +50,6 @@ inline std::string SysConfig(int vr, int build, int debug, int sp, int customize
         text << "[APP_PATH]\nVALUE=" << appPath << "\nRUN_PROCESS_DLG=" << showProgress << "\n";
     }
     return text.str();
-}
-
-// "line N===Y-M-D h:m:s   tag:function --- message", taken apart. Lines that do not parse come
-// back with number 0 and the raw text as their message.
-struct LogLine {
-    int number = 0;
-    std::string stamp, tag, function, message;
-    std::string Call() const { return function + " --- " + message; }
-};
-
-inline std::vector<LogLine> ReadLog(const std::string& path) {
-    static const std::regex pattern(R"(^line ([0-9]+)===([-0-9]+ [:0-9]+)   ([^:]*):([^ ]*) --- (.*)$)");
-    std::vector<LogLine> lines;
-    std::istringstream in(ReadFile(path));
-    std::string raw;
-    std::smatch m;
-    while (std::getline(in, raw)) {
-        if (raw.empty() && !lines.empty()) { // a message ending in its own line feed
-            lines.back().message += "\n";
-        } else if (std::regex_match(raw, m, pattern)) {
-            lines.push_back({std::stoi(m[1]), m[2], m[3], m[4], m[5]});
-        } else {
-            lines.push_back({0, "", "", "", raw});
-        }
-    }
-    return lines;
-}
-
-// "function --- message" of every line, or only of the lines with the given tag.
-inline Lines Calls(const std::vector<LogLine>& log, const std::string& tag = "") {
-    Lines calls;
-    for (const LogLine& line : log) {
-        if (tag.empty() || line.tag == tag) {
-            calls.push_back(line.Call());
-        }
-    }
-    return calls;
-}
-
-// Index of the first line with this message at or after from; -1 when there is none.
-inline int FindMessage(const std::vector<LogLine>& log, const std::string& message, int from = 0) {
-    for (int i = from < 0 ? log.size() : from; i < static_cast<int>(log.size()); ++i) {
-        if (log[i].message == message) {
-            return i;
-        }
-    }
-    return -1;
 }
 
 // A copy of /bin/sleep running under the given command name, ended with the object.
@@ -149,22 +73,6 @@ struct NamedProcess {
         }
     }
     pid_t pid = -1;
-};
-
-// Moves a fixed path of the system aside for a test and puts it back when the object goes.
-struct FixedPathGuard {
-    explicit FixedPathGuard(const std::string& fixed) : path(fixed), aside(fixed + ".kestrun-test-aside") {
-        fs::remove_all(aside);
-        moved = rename(path.c_str(), aside.c_str()) == 0;
-    }
-    ~FixedPathGuard() {
-        fs::remove_all(path);
-        if (moved) {
-            rename(aside.c_str(), path.c_str());
-        }
-    }
-    std::string path, aside;
-    bool moved;
 };
 
 // In-process tests: the command lines given to system since the last take (nothing is run).

@@ -6,6 +6,8 @@
 #include <PlatformTesting.h>
 #include <gtest/gtest.h>
 
+#include "support/TempDir.h"
+
 #include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -29,27 +31,19 @@ namespace ptest {
 class TempBundle {
   public:
     TempBundle() {
-        char base[] = "/tmp/kestrun_platform_XXXXXX";
-        root_ = mkdtemp(base) != nullptr ? base : "/tmp/kestrun_platform_failed";
-        path_ = root_ + "/Disc One/Launcher.app";
         Put("../MacOS/Launcher", "\n");
         PlatSetExecutablePath((path_ + "/Contents/MacOS/Launcher").c_str());
     }
-    ~TempBundle() {
-        PlatSetExecutablePath(nullptr);
-        std::error_code ignored;
-        std::filesystem::remove_all(root_, ignored);
-    }
+    ~TempBundle() { PlatSetExecutablePath(nullptr); }
     // Writes a file below Contents/Resources, creating the folders on the way.
     void Put(const std::string& relative, const std::string& bytes) const {
-        std::filesystem::path file = Resources() + "/" + relative;
-        std::filesystem::create_directories(file.parent_path());
-        std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+        kestrun_test::WriteFile(Resources() + "/" + relative, bytes);
     }
     std::string Resources() const { return path_ + "/Contents/Resources"; }
 
   private:
-    std::string root_, path_;
+    kestrun_test::TempDir root_;
+    std::string path_ = root_ / "Disc One/Launcher.app";
 };
 
 // Ends the test process if a wait or loop does not end by itself.
