@@ -96,7 +96,7 @@ void CheckApplicationPath(const std::string& path) {
         Warn("VALUE is empty: the launcher never finds the installed copy and installs at every start");
         return;
     }
-    for (const char* special : {"$", "`", "\"", "\\", "\n"}) {
+    for (const char* special : {"$", "`", "\"", "\\"}) {
         if (path.find(special) != std::string::npos) {
             Warn(
                 std::string("VALUE holds ") + (special[0] == '\n' ? "a line feed" : special) +
