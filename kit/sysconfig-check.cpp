@@ -99,7 +99,7 @@ void CheckApplicationPath(const std::string& path) {
     for (const char* special : {"$", "`", "\"", "\\"}) {
         if (path.find(special) != std::string::npos) {
             Warn(
-                std::string("VALUE holds ") + (special[0] == '\n' ? "a line feed" : special) +
+                std::string("VALUE holds ") + special +
                 ": the path is given to the shell between double quotes (open -a \"...\"), which expands it");
         }
     }
