@@ -63,6 +63,10 @@ for _ in $(seq 1 300); do
   [ -d "$app" ] && [ ! -e /tmp/qv_tmp_vantorel.mpkg ] && break
   sleep 0.1
 done
+for _ in $(seq 1 100); do # the launcher ends right after the script; let it close its log
+  pgrep -f "$tmp/run/kestrun/Volumes/Kestrun/Launcher.app/Contents/MacOS/Launcher" > /dev/null || break
+  sleep 0.1
+done
 expect "the launcher from the image installs the vendor's package" [ -f "$app/Contents/Resources/SysConfig.dat" ]
 expect "it took the disc's path" grep -q 'Install from dashboard path' /var/tmp/Kestrun.log
 expect "the installer script removed the staged package" [ ! -e /tmp/qv_tmp_vantorel.mpkg ]
