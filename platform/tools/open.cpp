@@ -2,13 +2,26 @@
  *
  * APP is an application bundle (the program named by CFBundleExecutable in its
  * Contents/Info.plist, in Contents/MacOS) or an executable file. The program runs
- * detached, in its own session, with standard input and output on /dev/null. */
+ * detached, in its own session, with standard input and output on /dev/null.
+ *
+ * As on the Mac, an application runs once: while the program is running, opening it again
+ * starts nothing and succeeds. The rule is a lock file per program (by its real path) in
+ * the user's own folder, $XDG_RUNTIME_DIR/kestrun-open or /tmp/kestrun-open-UID. The lock
+ * is taken before anything is started and held by a small watcher process, the program's
+ * parent, until the program ends. The kernel decides between two opens at once (flock), and
+ * a lock never outlives its holder, so a crash leaves nothing stale behind. The program
+ * itself does not hold the lock, so nothing it starts in turn (an installed application)
+ * keeps it. */
 #include <pugixml.hpp>
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -86,9 +99,62 @@ std::string ProgramFor(const std::string& application, std::string* problem) {
     return std::string();
 }
 
-// Starts the program as a grandchild in its own session, so that it outlives us and no
-// terminal or pipe of ours stays tied to it.
-bool StartDetached(const std::string& program, const std::vector<std::string>& arguments) {
+// The user's folder of lock files; empty when there is none that only this user can write.
+std::string LockFolder() {
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    std::string folder = runtime != nullptr && runtime[0] == '/'
+                             ? std::string(runtime) + "/kestrun-open"
+                             : "/tmp/kestrun-open-" + std::to_string(getuid());
+    mkdir(folder.c_str(), 0700);
+    struct stat info;
+    if (lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != getuid() ||
+        (info.st_mode & 022) != 0) {
+        return std::string();
+    }
+    return folder;
+}
+
+enum class Instance { kLocked, kRunning, kNoLock };
+
+// Takes the program's instance lock into *lock (close-on-exec).
+Instance TakeInstanceLock(const std::string& program, int* lock) {
+    *lock = -1;
+    char real[PATH_MAX];
+    std::string folder = LockFolder();
+    if (folder.empty() || realpath(program.c_str(), real) == nullptr) {
+        return Instance::kNoLock;
+    }
+    uint64_t hash = 14695981039346656037ull; // FNV-1a of the real path
+    for (const char* at = real; *at != '\0'; at++) {
+        hash = (hash ^ static_cast<unsigned char>(*at)) * 1099511628211ull;
+    }
+    char name[32];
+    snprintf(name, sizeof name, "/%016llx.lock", static_cast<unsigned long long>(hash));
+    int fd = open((folder + name).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return Instance::kNoLock;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        int error = errno;
+        close(fd);
+        return error == EWOULDBLOCK ? Instance::kRunning : Instance::kNoLock;
+    }
+    *lock = fd;
+    return Instance::kLocked;
+}
+
+void CloseAllBut(int keepA, int keepB) {
+    for (int fd = STDERR_FILENO + 1; fd < 1024; ++fd) {
+        if (fd != keepA && fd != keepB) {
+            close(fd);
+        }
+    }
+}
+
+// Starts the program in a session of its own, under a watcher that is not our child, so that
+// both outlive us and no terminal or pipe of ours stays tied to them. The watcher holds the
+// instance lock (if any) until the program ends. Returns 0, or the errno of the failed start.
+int StartDetached(const std::string& program, const std::vector<std::string>& arguments, int lock) {
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(program.c_str()));
     for (const std::string& argument : arguments) {
@@ -96,32 +162,67 @@ bool StartDetached(const std::string& program, const std::vector<std::string>& a
     }
     argv.push_back(nullptr);
 
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) {
+        return errno;
+    }
     pid_t child = fork();
     if (child < 0) {
-        return false;
+        int error = errno;
+        close(report[0]);
+        close(report[1]);
+        return error;
     }
     if (child == 0) {
         setsid();
-        pid_t grandchild = fork();
-        if (grandchild != 0) {
-            _exit(grandchild < 0 ? kFailure : 0);
+        if (fork() != 0) {
+            _exit(0); // the watcher, or nobody: then our parent reads no report
         }
+        // The watcher.
         int null = open("/dev/null", O_RDWR);
         if (null >= 0) {
             dup2(null, STDIN_FILENO);
             dup2(null, STDOUT_FILENO);
             dup2(null, STDERR_FILENO);
         }
-        for (int fd = STDERR_FILENO + 1; fd < 1024; ++fd) {
-            close(fd);
+        CloseAllBut(report[1], lock);
+        int started[2];
+        int error = pipe2(started, O_CLOEXEC) != 0 ? errno : 0;
+        pid_t running = error == 0 ? fork() : -1;
+        if (running == 0) {
+            CloseAllBut(started[1], -1); // the lock stays with the watcher
+            execv(program.c_str(), argv.data());
+            error = errno;
+            ssize_t written = write(started[1], &error, sizeof error);
+            _exit(written > 0 ? 127 : 126);
         }
-        execv(program.c_str(), argv.data());
-        _exit(127);
+        if (running < 0 && error == 0) {
+            error = errno;
+        }
+        if (running > 0) {
+            close(started[1]);
+            ssize_t got;
+            while ((got = read(started[0], &error, sizeof error)) < 0 && errno == EINTR) {
+            }
+            if (got != static_cast<ssize_t>(sizeof error)) {
+                error = 0; // the pipe closed on exec: the program runs
+            }
+        }
+        ssize_t written = write(report[1], &error, sizeof error);
+        close(report[1]);
+        while (written > 0 && error == 0 && waitpid(running, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        _exit(0);
     }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    close(report[1]);
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    int error = ECHILD;
+    ssize_t got;
+    while ((got = read(report[0], &error, sizeof error)) < 0 && errno == EINTR) {
+    }
+    close(report[0]);
+    return got == static_cast<ssize_t>(sizeof error) ? error : ECHILD;
 }
 
 } // namespace
@@ -141,8 +242,21 @@ int main(int argc, char** argv) {
         fprintf(stderr, "open: %s\n", problem.c_str());
         return kFailure;
     }
-    if (!StartDetached(program, std::vector<std::string>(argv + 3, argv + argc))) {
-        fprintf(stderr, "open: %s: cannot start: %s\n", program.c_str(), strerror(errno));
+    int lock = -1;
+    switch (TakeInstanceLock(program, &lock)) {
+    case Instance::kRunning:
+        return 0; // already running: nothing more to do
+    case Instance::kNoLock:
+        fprintf(stderr,
+                "open: %s: no lock folder of this user's own; starting without the one-instance rule\n",
+                program.c_str());
+        break;
+    case Instance::kLocked:
+        break;
+    }
+    int error = StartDetached(program, std::vector<std::string>(argv + 3, argv + argc), lock);
+    if (error != 0) {
+        fprintf(stderr, "open: %s: cannot start: %s\n", program.c_str(), strerror(error));
         return kFailure;
     }
     return 0;

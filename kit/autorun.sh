@@ -1,0 +1,51 @@
+#!/bin/sh
+# Started by a Linux desktop from the top of this disc when the disc is inserted (the desktop
+# asks the user first). Starts the launcher as a Mac user opens it: through this disc's own
+# open command, which starts it only once however often it is asked, and which the launcher
+# also uses to start the installed application.
+#
+# The launcher installs from a disc only when its path contains "/Volumes", where a Mac mounts
+# discs. A Linux desktop mounts them elsewhere (/media/USER/NAME), so the launcher is started
+# from a stand-in bundle at $XDG_RUNTIME_DIR/kestrun/Volumes/NAME/Launcher.app: its own copy
+# of the launcher program and of AutoSetup (the launcher copies AutoSetup, and the installer
+# script accepts no link), and links to everything else on the disc.
+disc=$(cd "$(dirname "$0")" && pwd)
+PATH="$disc/.linux:$PATH"
+export PATH
+bundle="$disc/Launcher.app"
+
+case "$disc" in
+  */Volumes/*) exec open -a "$bundle" ;;
+esac
+
+base=${XDG_RUNTIME_DIR:-}
+if [ -z "$base" ] || [ ! -d "$base" ]; then
+  base=/tmp/kestrun-autorun-$(id -u)
+  mkdir -m 700 "$base" 2>/dev/null
+fi
+# Only a folder of this user's own that nobody else can write may hold the stand-in.
+if [ -L "$base" ] || [ -z "$(find "$base" -prune -user "$(id -u)" ! -perm -020 ! -perm -002 2>/dev/null)" ]; then
+  echo "autorun: no private folder for the launcher; starting it from the disc" >&2
+  exec open -a "$bundle"
+fi
+
+standin="$base/kestrun/Volumes/$(basename "$disc")/Launcher.app"
+mkdir -p "$standin/Contents/MacOS" || exec open -a "$bundle"
+# Files are replaced by renaming, so that a launcher already running keeps its own.
+replace_with_copy() { # <source> <destination>
+  cp -p "$1" "$2.new.$$" && mv -f "$2.new.$$" "$2"
+}
+for entry in "$bundle/Contents/"* "$bundle/Contents/".[!.]*; do
+  [ -e "$entry" ] || [ -L "$entry" ] || continue
+  name=$(basename "$entry")
+  case "$name" in
+    MacOS)
+      for program in "$entry"/*; do
+        replace_with_copy "$program" "$standin/Contents/MacOS/$(basename "$program")"
+      done ;;
+    AutoSetup) replace_with_copy "$entry" "$standin/Contents/AutoSetup" ;;
+    *) rm -rf "$standin/Contents/$name.new.$$"
+       ln -s "$entry" "$standin/Contents/$name.new.$$" && mv -fT "$standin/Contents/$name.new.$$" "$standin/Contents/$name" ;;
+  esac
+done
+exec open -a "$standin"

@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# make-disc from a vendor folder made from scratch: what the image holds, that two builds are
+# the same bytes, that the launcher started from the image's files (through autorun.sh, as a
+# Linux desktop starts it) installs the vendor's package, and that bad input makes no image.
+# Usage: test_disc.sh SOURCE_DIR BUILD_DIR
+source "$(dirname "$0")/lib.sh"
+source_dir=$1
+export KESTRUN_BUILD_DIR=$2
+make_disc="$source_dir/scripts/make-disc"
+
+# The vendor's folder: the package carries Vantorel.app; AutoSetup installs it to VALUE.
+vendor="$tmp/vendor"
+app="$tmp/Applications/Vantorel.app"
+package="$vendor/Vantorel.mpkg"
+mkdir -p "$package/Contents/Resources/Vantorel.app/Contents/Resources" "$vendor/de.lproj"
+printf '[System]\nVRVersion=4\nBuildVersion=2\nDebugVersion=1\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\n[APP_PATH]\nVALUE=%s\nRUN_PROCESS_DLG=no\n' \
+  "$app" > "$package/Contents/Resources/SysConfig.dat"
+echo '<plist version="1.0"><dict/></plist>' > "$package/Contents/Resources/Vantorel.app/Contents/Info.plist"
+cp "$package/Contents/Resources/SysConfig.dat" "$package/Contents/Resources/Vantorel.app/Contents/Resources/"
+cat > "$vendor/AutoSetup" <<'SH'
+#!/bin/sh
+app=$(sed -n 's/^VALUE=//p' "$1/Contents/Resources/SysConfig.dat")
+mkdir -p "$(dirname "$app")" && cp -R "$1/Contents/Resources/Vantorel.app" "$app"
+SH
+chmod 755 "$vendor/AutoSetup"
+cp "$source_dir/kit/run_local_kestrun" "$vendor/"
+echo '"INSTALL_DRIVER" = "Vendor text";' > "$vendor/de.lproj/custom.strings"
+
+image="$tmp/out/Kestrun.iso"
+mkdir -p "$tmp/out"
+expect "make-disc builds an image" "$make_disc" "$vendor" "$image" > "$tmp/make.out" 2>&1 || cat "$tmp/make.out"
+listing=$(xorriso -indev "$image" -find / -exec lsdl 2>/dev/null)
+for entry in "-rwxr-xr-x .* '/Launcher.app/Contents/MacOS/Launcher'" \
+             "-rwxr-xr-x .* '/Launcher.app/Contents/AutoSetup'" \
+             "-rwxr-xr-x .* '/Launcher.app/Contents/run_local_kestrun'" \
+             "-rw-r--r-- .* '/Launcher.app/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat'" \
+             "-rwxr-xr-x .* '/autorun.sh'" "-rwxr-xr-x .* '/.linux/open'"; do
+  grep -q -- "^$entry\$" <<<"$listing" || fail "the image lacks $entry"
+done
+expect "the HFS+ partition is in the Apple partition map" \
+  grep -q 'Apple_HFS' <(xorriso -indev "$image" -report_system_area plain 2>/dev/null)
+# The Joliet tree has a supplementary volume descriptor (type 2) right after the primary one.
+expect "the Joliet tree is written" \
+  [ "$(dd if="$image" bs=2048 skip=17 count=1 2>/dev/null | head -c 6 | od -An -c | tr -d ' ')" = '002CD001' ]
+
+cp "$image" "$tmp/first.iso"
+sleep 1.1 # a date that crept in would differ now
+touch "$package/Contents/Resources/SysConfig.dat"
+"$make_disc" "$vendor" "$image" > /dev/null 2>&1
+expect "two builds of the same input are the same bytes" cmp -s "$image" "$tmp/first.iso"
+
+# The image's files where a Linux desktop mounts a disc; autorun.sh starts the launcher.
+media="$tmp/media/Kestrun"
+mkdir -p "$media"
+xorriso -osirrox on -indev "$image" -extract / "$media" > /dev/null 2>&1
+expect "the vendor's texts replace the shipped ones" \
+  grep -q 'Vendor text' "$media/Launcher.app/Contents/Resources/de.lproj/custom.strings"
+keep_fixed_paths
+mkdir -m 700 "$tmp/run"
+(unset DISPLAY WAYLAND_DISPLAY; XDG_RUNTIME_DIR="$tmp/run" "$media/autorun.sh" < /dev/null > "$tmp/autorun.out" 2>&1) ||
+  fail "autorun.sh failed: $(cat "$tmp/autorun.out")"
+for _ in $(seq 1 300); do
+  [ -d "$app" ] && [ ! -e /tmp/qv_tmp_vantorel.mpkg ] && break
+  sleep 0.1
+done
+for _ in $(seq 1 100); do # the launcher ends right after the script; let it close its log
+  pgrep -f "$tmp/run/kestrun/Volumes/Kestrun/Launcher.app/Contents/MacOS/Launcher" > /dev/null || break
+  sleep 0.1
+done
+expect "the launcher from the image installs the vendor's package" [ -f "$app/Contents/Resources/SysConfig.dat" ]
+expect "it took the disc's path" grep -q 'Install from dashboard path' /var/tmp/Kestrun.log
+expect "the installer script removed the staged package" [ ! -e /tmp/qv_tmp_vantorel.mpkg ]
+put_back_fixed_paths
+
+# Bad input: a clear message, status not 0, no image and no partial file.
+mkdir -p "$tmp/nopackage" "$tmp/noconfig/Vantorel.mpkg"
+bad_cases=(
+  "no package|$tmp/nopackage|$tmp/bad/a.iso|Vantorel.mpkg"
+  "no SysConfig.dat|$tmp/noconfig|$tmp/bad/a.iso|SysConfig.dat is missing"
+  "no folder for the image|$vendor|$tmp/bad/missing/a.iso|no such folder"
+  "a folder in the image's place|$vendor|$tmp/bad|not a file"
+  "a volume name with /|$vendor|$tmp/bad/a.iso|holds a \"/\"|--volume|a/b"
+  "a volume name of 33 characters|$vendor|$tmp/bad/a.iso|longer than 32|--volume|$(printf 'K%.0s' {1..33})"
+  "a volume name with \$|$vendor|$tmp/bad/a.iso|expands|--volume|Disc\$HOME"
+  "no xorriso|$vendor|$tmp/bad/a.iso|xorriso is not installed|XORRISO=/nonexistent"
+  "xorriso failing midway|$vendor|$tmp/bad/a.iso|could not write|XORRISO=$tmp/failing-xorriso"
+)
+printf '#!/bin/sh\necho partial > "$(echo "$@" | sed "s/.*-outdev \\([^ ]*\\).*/\\1/")"\nexit 5\n' > "$tmp/failing-xorriso"
+chmod 755 "$tmp/failing-xorriso"
+mkdir -p "$tmp/bad"
+for row in "${bad_cases[@]}"; do
+  IFS='|' read -r what dir out message option value <<<"$row"
+  arguments=("$dir" "$out")
+  environment=()
+  case "${option:-}" in
+    --volume) arguments=(--volume "$value" "${arguments[@]}") ;;
+    XORRISO=*) environment=("$option") ;;
+  esac
+  status=0
+  env "${environment[@]}" "$make_disc" "${arguments[@]}" > "$tmp/bad.out" 2>&1 || status=$?
+  [ "$status" -ne 0 ] || fail "$what: status 0"
+  grep -q -- "$message" "$tmp/bad.out" || fail "$what: no message \"$message\": $(tail -n 3 "$tmp/bad.out")"
+  [ -z "$(ls -A "$tmp/bad")" ] || fail "$what: left $(ls -A "$tmp/bad")"
+done

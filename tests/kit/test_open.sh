@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# open starts an application once: starts while it runs (0.3 s apart, or at the same moment)
+# start nothing more and succeed; once it has ended it starts again; another application is
+# not held up. Usage: test_open.sh OPEN
+source "$(dirname "$0")/lib.sh"
+open=$1
+export XDG_RUNTIME_DIR="$tmp/run"
+mkdir -m 700 "$XDG_RUNTIME_DIR"
+
+bundle() { # <name>: a bundle whose program notes each start, then runs for 1.5 s
+  mkdir -p "$tmp/$1.app/Contents/MacOS"
+  printf '<plist version="1.0"><dict><key>CFBundleExecutable</key><string>%s</string></dict></plist>\n' "$1" \
+    > "$tmp/$1.app/Contents/Info.plist"
+  printf '#!/bin/sh\necho started >> "%s/%s.starts"\nsleep 1.5\n' "$tmp" "$1" > "$tmp/$1.app/Contents/MacOS/$1"
+  chmod 755 "$tmp/$1.app/Contents/MacOS/$1"
+}
+starts() { sleep 0.3; wc -l < "$tmp/$1.starts" 2>/dev/null || echo 0; }
+bundle A
+bundle B
+
+expect "the first start succeeds" "$open" -a "$tmp/A.app"
+sleep 0.3
+expect "a second start while it runs succeeds" "$open" -a "$tmp/A.app"
+for _ in 1 2 3; do "$open" -a "$tmp/A.app" & done
+expect "another application starts meanwhile" "$open" -a "$tmp/B.app"
+wait
+[ "$(starts A)" -eq 1 ] || fail "A started $(starts A) times while running"
+[ "$(starts B)" -eq 1 ] || fail "B started $(starts B) times"
+sleep 1.5
+expect "a start after it ended succeeds" "$open" -a "$tmp/A.app"
+[ "$(starts A)" -eq 2 ] || fail "A was not started again after it ended"
+# The instance is the program, whichever path names it.
+ln -s "$tmp/A.app" "$tmp/A-link.app"
+expect "a start through a link succeeds" "$open" -a "$tmp/A-link.app"
+[ "$(starts A)" -eq 2 ] || fail "a link to the running application started it again"
+status=0
+"$open" -a "$tmp/missing.app" 2>/dev/null || status=$?
+[ "$status" -ne 0 ] || fail "a missing application: status 0"
+sleep 1.6
