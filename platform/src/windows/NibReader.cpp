@@ -38,11 +38,12 @@
 
 #include <pugixml.hpp>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -395,19 +396,25 @@ bool ReadArchive(NibRec& nib) {
     return !key && IndexObjects(root, nib.ids);
 }
 
-/* The whole file, if it is a regular file of a size a nib can have. */
+/* The whole file, if it is a regular file of a size a nib can have (opened
+ * without waiting, so a pipe in its place cannot hold the caller up). */
 bool ReadFile(const std::string& path, std::string& bytes) {
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
         return false;
     }
     struct stat info;
-    bool ok = fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaxNibBytes;
+    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaxNibBytes;
     if (ok) {
-        bytes.resize(static_cast<size_t>(info.st_size));
-        ok = std::fread(&bytes[0], 1, bytes.size(), file) == bytes.size() && std::fgetc(file) == EOF;
+        bytes.assign(static_cast<size_t>(info.st_size), '\0');
+        size_t done = 0;
+        ssize_t count = 1;
+        while (done < bytes.size() && (count = read(fd, &bytes[done], bytes.size() - done)) > 0) {
+            done += static_cast<size_t>(count);
+        }
+        ok = done == bytes.size() && count >= 0;
     }
-    std::fclose(file);
+    close(fd);
     return ok;
 }
 
