@@ -1,4 +1,4 @@
-// The bundle resources the launcher reads, fuzzed: string tables, nibs, and text
+// The bundle resources the launcher reads, fuzzed: string tables, nibs (objects.xib), and text
 // conversions. Input: one byte choosing the reader, then that reader's bytes.
 #include <Carbon/Carbon.h>
 #include <PlatformTesting.h>
@@ -19,7 +19,8 @@ namespace {
 std::filesystem::path g_bundle;
 
 void WriteNib(const uint8_t* data, size_t size) {
-    std::ofstream(g_bundle / "Contents/Resources/main.nib", std::ios::binary | std::ios::trunc)
+    std::ofstream(g_bundle / "Contents/Resources/en.lproj/main.nib/objects.xib",
+                  std::ios::binary | std::ios::trunc)
         .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
 }
 
@@ -33,7 +34,8 @@ void FuzzNib(const uint8_t* data, size_t size) {
         }
         return;
     }
-    static const char* const kWindows[] = {"MessageBox", "ProgressWindow", "w", ""};
+    static const char* const kWindows[] = {"MessageBox", "ProgressWindow", "MainWindow",
+                                           "W",          "Files Owner",    ""};
     for (const char* name : kWindows) {
         CFStringRef title = CFStringCreateWithCString(nullptr, name, kCFStringEncodingUTF8);
         WindowRef window = nullptr;
@@ -45,7 +47,7 @@ void FuzzNib(const uint8_t* data, size_t size) {
             }
             continue;
         }
-        static const ControlID kIds[] = {{'MSG1', 1}, {'YES1', 1}, {'copy', 1}, {0, 0}};
+        static const ControlID kIds[] = {{'MSG1', 1}, {'YES1', 1}, {'NO11', 1}, {'copy', 1}, {0, 0}};
         for (const ControlID& id : kIds) {
             ControlRef control = nullptr;
             if (GetControlByID(window, &id, &control) == noErr) {
@@ -93,7 +95,7 @@ void FuzzText(const uint8_t* data, size_t size) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     g_bundle = std::filesystem::temp_directory_path() / ("fuzz_resources-" + std::to_string(getpid()));
     std::filesystem::create_directories(g_bundle / "Contents/MacOS");
-    std::filesystem::create_directories(g_bundle / "Contents/Resources");
+    std::filesystem::create_directories(g_bundle / "Contents/Resources/en.lproj/main.nib");
     PlatSetExecutablePath((g_bundle / "Contents/MacOS/Launcher").c_str());
     PlatSetBackend("scripted");
     atexit([] {

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -166,13 +167,26 @@ struct Frame {
 Frame NibFrame(const std::string& window, const std::string& signature = "") {
     static pugi::xml_document nib;
     if (!nib.first_child())
-        nib.load_file(KESTRUN_SOURCE_DIR "/resources/main.nib");
-    std::string path = "/nib/window[@name='" + window + "']";
+        nib.load_file(KESTRUN_SOURCE_DIR "/resources/en.lproj/main.nib/objects.xib");
+    // The window through the name table, then its view of that signature; rectangles are
+    // "top left bottom right ".
+    std::string id = nib.select_node(("/object/dictionary[@name='nameTable']/string[.='" + window +
+                                      "']/following-sibling::reference[1]/@idRef")
+                                         .c_str())
+                         .attribute()
+                         .value();
+    pugi::xml_node node = nib.select_node(("//object[@id='" + id + "']").c_str()).node();
     if (!signature.empty())
-        path += "/*[@signature='" + signature + "']";
-    pugi::xml_node node = nib.select_node(path.c_str()).node();
-    return Frame{node.attribute("x").as_int(), node.attribute("y").as_int(), node.attribute("width").as_int(),
-                 node.attribute("height").as_int()};
+        node = node.select_node((".//object[ostype[@name='controlSignature']='" + signature + "']").c_str())
+                   .node();
+    int top = 0, left = 0, bottom = 0, right = 0;
+    const char* rect =
+        node.select_node(signature.empty() ? "string[@name='windowRect']" : "string[@name='bounds']")
+            .node()
+            .child_value();
+    std::sscanf(rect, "%d %d %d %d", &top, &left, &bottom, &right);
+    return signature.empty() ? Frame{0, 0, right - left, bottom - top}
+                             : Frame{left, top, right - left, bottom - top};
 }
 
 // Pixels inside the frame for which matches(rgb) holds.

@@ -239,8 +239,8 @@ TEST_F(EndToEnd, QuestionBox) {
     Install(SysConfig(2, 0, 1, 0, 0, 0));
     for (const auto& [name, terminal, answer, installs] :
          std::vector<std::tuple<std::string, bool, std::string, bool>>{{"no screen", false, "", false},
-                                                                       {"yes", true, "yes\n", true},
-                                                                       {"no", true, "no\n", false},
+                                                                       {"install", true, "install\n", true},
+                                                                       {"open", true, "o\n", false},
                                                                        {"escape", true, "\x1b", false},
                                                                        {"end of input", true, "", false},
                                                                        {"hang-up", true, kHangUp, false}}) {

@@ -122,10 +122,10 @@ TEST_F(Install, LongBundlePathsAreCut) {
 // A later click reaches a handler only where it is still installed.
 TEST_F(Install, BoxAnswers) {
     const std::string newVersion =
-        "A newer version of Vantorel is on this disc. Do you want to install it now? "
-        "Choose No to start the Vantorel that is already installed.";
-    const std::string installed =
-        "This version of Vantorel is already installed on this computer. Choose Yes to start it.";
+        "A newer version of Vantorel is on this disc. Do you want to install it now? To keep using the "
+        "version already installed on this computer, click Open Vantorel.";
+    const std::string installed = "This version of Vantorel is already installed on this computer. Click "
+                                  "Open Vantorel to start using it.";
     auto messageBox = [] { MessageBox("NEW_VERSION_CONFIRM"); };
     auto messageBoxR7 = [] { MessageBoxR7("NEW_VERSION_CONFIRM"); };
     for (const auto& [window, show, action, control, installs, later, laterCommands] :
@@ -182,17 +182,27 @@ TEST_F(Install, BoxIgnoresOtherHits) {
     EXPECT_EQ(0, PlatScriptShowCount("MessageBox_Installed"));
 }
 
+// A nib whose only window is not one of the boxes.
+const char kOtherWindowNib[] = R"(<object class="NSIBObjectData">
+  <string name="targetFramework">IBCarbonFramework</string>
+  <array name="allObjects"><object class="IBCarbonWindow" id="2"><string name="windowRect">0 0 10 10 </string></object></array>
+  <array name="allParents"><reference idRef="1"/></array>
+  <dictionary name="nameTable"><string>Other</string><reference idRef="2"/></dictionary>
+</object>
+)";
+
 // Nobody can answer a box without a window: it acts as its close box at once, leaving no
 // window for the entry point to wait on.
 TEST_F(Install, BoxWithoutWindowStartsTheApplication) {
     for (const auto& [nib, function, show] : std::vector<std::tuple<const char*, const char*, Show>>{
-             {"<nib><window name=\"Other\" title=\"x\"/></nib>\n", "MessageBox",
-              [] { MessageBox("NEW_VERSION_CONFIRM"); }},
-             {"<nib></nib>\n", "MessageBoxR7", [] { MessageBoxR7("DIFFERENT_VERSION_CONFIRM"); }},
+             {kOtherWindowNib, "MessageBox", [] { MessageBox("NEW_VERSION_CONFIRM"); }},
+             {"<object class=\"NSIBObjectData\"/>\n", "MessageBoxR7",
+              [] { MessageBoxR7("DIFFERENT_VERSION_CONFIRM"); }},
              {nullptr, "WarningBoxR7", WarningBoxR7}}) {
-        fs::remove(bundle_ + "/Contents/Resources/main.nib");
+        const std::string nibFile = bundle_ + "/Contents/Resources/en.lproj/main.nib/objects.xib";
+        fs::remove(nibFile);
         if (nib != nullptr) {
-            WriteFile(bundle_ + "/Contents/Resources/main.nib", nib);
+            WriteFile(nibFile, nib);
         }
         g_msgBoxRef = nullptr;
         show();

@@ -85,7 +85,8 @@ class InProcess : public ::testing::Test {
   protected:
     void SetUp() override {
         bundle_ = UseBundle("Disc/Launcher.app");
-        for (const char* file : {"main.nib", "en.lproj/custom.strings", "Installer.png"}) {
+        for (const char* file :
+             {"en.lproj/main.nib/objects.xib", "en.lproj/custom.strings", "Installer.png"}) {
             WriteFile(bundle_ + "/Contents/Resources/" + file,
                       ReadFile(std::string(KESTRUN_SOURCE_DIR) + "/resources/" + file));
         }

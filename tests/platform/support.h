@@ -114,28 +114,74 @@ inline std::thread After(int milliseconds, std::function<void()> fn) {
     });
 }
 
+// An Interface Builder archive of the given top-level objects, each named in the name
+// table: {name, id}. Written where a test bundle's nib "main" is looked for.
+inline std::string NibArchive(const std::string& objects,
+                              std::initializer_list<std::pair<const char*, int>> names) {
+    std::string parents, table;
+    for (const auto& [name, id] : names) {
+        parents += "<reference idRef=\"1\"/>";
+        table +=
+            std::string("<string>") + name + "</string><reference idRef=\"" + std::to_string(id) + "\"/>";
+    }
+    return "<?xml version=\"1.0\" standalone=\"yes\"?>\n<object class=\"NSIBObjectData\">\n"
+           "<string name=\"targetFramework\">IBCarbonFramework</string>\n"
+           "<object name=\"rootObject\" class=\"NSCustomObject\" id=\"1\"/>\n<array name=\"allObjects\">" +
+           objects + "</array>\n<array name=\"allParents\">" + parents +
+           "</array>\n<dictionary name=\"nameTable\">" + table + "</dictionary>\n</object>\n";
+}
+inline const char kNibPath[] = "en.lproj/main.nib/objects.xib";
+
 // The nib most window tests build from.
-inline const char kTestNib[] = R"(<nib>
-  <window name="Box" title="Question" width="400" height="150" closebox="true">
-    <statictext signature="MSG1" id="1" x="10" y="10" width="380" height="60">Install the new version?</statictext>
-    <pushbutton signature="NO11" id="1" x="200" y="110" width="80" height="28">No</pushbutton>
-    <pushbutton signature="YES1" id="1" x="300" y="110" width="80" height="28" default="true">Yes</pushbutton>
-  </window>
-  <window name="Other" title="Second" width="300" height="100" closebox="true"><pushbutton signature="OK  " id="7">OK</pushbutton></window>
-  <window name="Progress" title="Copying" width="300" height="100">
-    <imageview signature="copy" id="1" x="10" y="10" width="64" height="64" picture="Installer.png"/>
-    <statictext signature="TXT1" id="1" x="80" y="10" width="200" height="20">Copying files</statictext>
-    <progressindicator signature="prog" id="1" x="80" y="40" width="200" height="16" indeterminate="true"/>
-  </window>
-</nib>
-)";
+inline const std::string kTestNib = NibArchive(R"(
+<object class="IBCarbonWindow" id="10">
+  <string name="windowRect">100 100 250 500 </string>
+  <string name="title">Question</string>
+  <object name="rootControl" class="IBCarbonRootControl" id="11"><array name="subviews">
+    <object class="IBCarbonStaticText" id="12"><string name="bounds">10 10 70 390 </string>
+      <ostype name="controlSignature">MSG1</ostype><int name="controlID">1</int>
+      <string name="title">Install the new version?</string></object>
+    <object class="IBCarbonButton" id="13"><string name="bounds">110 200 138 280 </string>
+      <ostype name="controlSignature">NO11</ostype><int name="controlID">1</int>
+      <string name="title">No</string><int name="buttonType">2</int></object>
+    <object class="IBCarbonButton" id="14"><string name="bounds">110 300 138 380 </string>
+      <ostype name="controlSignature">YES1</ostype><int name="controlID">1</int>
+      <string name="title">Yes</string><int name="buttonType">1</int></object>
+  </array></object>
+</object>
+<object class="IBCarbonWindow" id="20">
+  <string name="windowRect">50 50 150 350 </string>
+  <string name="title">Second</string>
+  <object name="rootControl" class="IBCarbonRootControl" id="21"><array name="subviews">
+    <object class="IBCarbonButton" id="22"><string name="bounds">0 0 0 0 </string>
+      <ostype name="controlSignature">OK  </ostype><int name="controlID">7</int><string name="title">OK</string></object>
+  </array></object>
+</object>
+<object class="IBCarbonWindow" id="30">
+  <string name="windowRect">50 50 150 350 </string>
+  <string name="title">Copying</string>
+  <object name="rootControl" class="IBCarbonRootControl" id="31"><array name="subviews">
+    <object class="IBCarbonImageView" id="32"><string name="bounds">10 10 74 74 </string>
+      <ostype name="controlSignature">copy</ostype><int name="controlID">1</int>
+      <string name="imageName">Installer.png</string></object>
+    <object class="IBCarbonStaticText" id="33"><string name="bounds">10 80 30 280 </string>
+      <ostype name="controlSignature">TXT1</ostype><int name="controlID">1</int>
+      <string name="title">Copying files</string></object>
+    <object class="IBCarbonProgressBar" id="34"><string name="bounds">40 80 56 280 </string>
+      <ostype name="controlSignature">prog</ostype><int name="controlID">1</int>
+      <boolean name="indeterminate">TRUE</boolean></object>
+  </array></object>
+  <int name="carbonWindowClass">4</int>
+</object>
+)",
+                                               {{"Box", 10}, {"Other", 20}, {"Progress", 30}});
 
 // The scripted backend, a bundle holding kTestNib and the real picture, and cleanup
 // of the windows and handlers a test made.
 class UiTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        bundle_.Put("main.nib", kTestNib);
+        bundle_.Put(kNibPath, kTestNib);
         std::filesystem::copy_file(KESTRUN_SOURCE_DIR "/resources/Installer.png",
                                    bundle_.Resources() + "/Installer.png");
         PlatSetBackend("scripted");

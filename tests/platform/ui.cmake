@@ -4,3 +4,5 @@ kestrun_gtest(platform_ui_tests
   LIBS platform
   TIMEOUT 60)
 target_include_directories(platform_ui_tests PRIVATE ${PROJECT_SOURCE_DIR}/platform/src)
+# The nib tests read the languages of the built bundle.
+add_dependencies(platform_ui_tests kestrun_resources)

@@ -4,6 +4,7 @@
 
 #include <PlatformTesting.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -147,6 +148,13 @@ static std::vector<std::string> LocalizationFolders() {
         for (const auto& entry : kOldNames) {
             if (language == entry.code)
                 add(entry.name);
+        }
+        /* Chinese folders go by script, or by the region that stands for it. */
+        if (language == "zh") {
+            std::string region = locale.substr(std::min(locale.size(), language.size() + 1));
+            bool traditional = region == "TW" || region == "HK" || region == "MO" || region == "Hant";
+            add(traditional ? "zh-Hant" : "zh-Hans");
+            add(traditional ? "zh_TW" : "zh_CN");
         }
     }
     add("en");

@@ -1,41 +1,47 @@
-/* Nibs: the windows of the application, described in <name>.nib among the main
- * bundle's resources.
+/* Nibs: the windows of the application, from <name>.nib/objects.xib among the
+ * main bundle's (localised) resources, in Interface Builder's Carbon format.
  *
- * A nib is an XML file in the layer's own format:
+ * objects.xib is an archive of typed values. Every value is an element whose
+ * name is its type (string, int, unsigned_int, boolean TRUE/FALSE, ostype,
+ * array, dictionary, reference idRef=..., object class=... id=...) and whose
+ * name attribute is its key inside the enclosing object:
  *
- *   <nib>
- *     <window name="MessageBox" title="Vantorel" width="440" height="180" closebox="true">
- *       <statictext signature="MSG1" id="1" x="20" y="20" width="400" height="90">text</statictext>
- *       <pushbutton signature="YES1" id="1" x="230" y="130" width="90" height="28"
- * default="true">Yes</pushbutton> <imageview signature="copy" id="1" x="20" y="20" width="64" height="64"
- * picture="Installer.png"/> <progressindicator signature="prog" id="1" x="20" y="120" width="400" height="20"
- * indeterminate="true"/>
- *     </window>
- *   </nib>
+ *   <object class="NSIBObjectData">
+ *     <string name="targetFramework">IBCarbonFramework</string>
+ *     <array name="allObjects"> windows and menus, inline or as references </array>
+ *     <array name="allParents"> one parent per entry of allObjects </array>
+ *     <dictionary name="nameTable"> <string>MessageBox</string> <reference idRef="166"/> ... </dictionary>
+ *   </object>
  *
- * - window: name (required, how CreateWindowFromNib finds it; the first of a name
- *   counts), width and height (required, 1 to 32767), title (default empty),
- *   closebox ("true" or "false", default false).
- * - Controls, in the order the backends lay them out: frame x, y (-32768 to 32767)
- *   and width, height (0 to 32767) from the window's top left, default 0; the
- *   ControlID as signature (exactly four printable ASCII characters) and id (a
- *   signed 32-bit number), default {0, 0}. The element's text is a static text's
- *   text or a push button's caption. pushbutton takes default="true" (Return
- *   presses it), progressindicator indeterminate, imageview picture (a resource of
- *   the main bundle, a PNG file, decoded when the window is created).
+ * A window is an IBCarbonWindow: windowRect "top left bottom right " in global
+ * coordinates, title, hasCloseBox (default TRUE), carbonWindowClass, and a
+ * rootControl whose subviews nest. A view has bounds "top left bottom right "
+ * in window coordinates whatever its depth, controlSignature, controlID, title,
+ * command; a button's buttonType 1 marks the default button, 2 the cancel
+ * button; a progress bar's indeterminate; an image view's imageName, a PNG
+ * resource of the main bundle. Only IBCarbonStaticText, IBCarbonButton,
+ * IBCarbonProgressBar and IBCarbonImageView are built; other views are passed
+ * over (their subviews are still read), and so is every key not named here.
  *
- * CreateNibReference fails with kIBCarbonRuntimeCantFindNibFile when the file is
- * missing, is not well-formed XML or its root is not <nib>, or holds anything but
- * windows. CreateWindowFromNib fails with kIBCarbonRuntimeCantFindObject for a
- * name no window has, and with kIBCarbonRuntimeObjectNotOfRequestedType when the
- * window cannot be built: an unknown element or attribute, a bad attribute value,
- * or two controls with the same ControlID other than {0, 0}. */
+ * CreateNibReference fails with kIBCarbonRuntimeCantFindNibFile when no
+ * localisation holds the file, or it is not a regular file of at most
+ * kMaxNibBytes, not well-formed XML, or not such an archive. CreateWindowFromNib
+ * fails with kIBCarbonRuntimeCantFindObject for a name the name table lacks or
+ * an object that is not in the file, and with
+ * kIBCarbonRuntimeObjectNotOfRequestedType when the object is not a window or
+ * the window cannot be built: a missing or bad windowRect, a value of the wrong
+ * type or form, a control without bounds or outside its window, two controls
+ * with the same ControlID other than {0, 0}, views nested deeper than
+ * kMaxViewDepth. */
 #include "events/EventInternal.h"
 #include "windows/WindowInternal.h"
 
 #include <pugixml.hpp>
 
-#include <cctype>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -45,197 +51,371 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace {
 
 using plat::ControlDef;
 using plat::WindowDef;
 
+/* Real nibs are tens of kilobytes; anything far larger is not one. */
+constexpr long kMaxNibBytes = 2L * 1024 * 1024;
+/* Interface Builder nests panes a few levels deep at most. */
+constexpr int kMaxViewDepth = 32;
+/* Carbon rectangles hold 16-bit coordinates. */
+constexpr long kCoordMin = -32768;
+constexpr long kCoordMax = 32767;
+
+/* Window classes that may have a close box: floating, document, utility. */
+constexpr int kNibFloatingWindowClass = 5;
+constexpr int kNibDocumentWindowClass = 6;
+constexpr int kNibUtilityWindowClass = 8;
+
+/* buttonType of an IBCarbonButton. */
+constexpr int kNibDefaultButtonType = 1;
+constexpr int kNibCancelButtonType = 2;
+
 struct NibRec {
-    std::shared_ptr<const pugi::xml_document> document;
+    std::unique_ptr<pugi::xml_document> document;
+    std::unordered_map<std::string, std::string> names;  /* nameTable: name -> object id */
+    std::unordered_map<std::string, pugi::xml_node> ids; /* every object with an id */
 };
 
-std::unordered_map<uintptr_t, NibRec>& Nibs() {
-    static auto* nibs = new std::unordered_map<uintptr_t, NibRec>;
+std::unordered_map<uintptr_t, std::shared_ptr<const NibRec>>& Nibs() {
+    static auto* nibs = new std::unordered_map<uintptr_t, std::shared_ptr<const NibRec>>;
     return *nibs;
 }
 
-/* A whole decimal number within [low, high]; false for anything else. */
-bool ParseInt(const char* text, long low, long high, int& out) {
+bool Is(const pugi::xml_node& node, const char* type) {
+    return node.type() == pugi::node_element && std::strcmp(node.name(), type) == 0;
+}
+
+/* The value stored under key in an archived object, of any type; null if none. */
+pugi::xml_node Member(const pugi::xml_node& object, const char* key) {
+    for (const pugi::xml_node& child : object.children()) {
+        if (child.type() == pugi::node_element && std::strcmp(child.attribute("name").value(), key) == 0) {
+            return child;
+        }
+    }
+    return pugi::xml_node();
+}
+
+/* A whole decimal number within [low, high] at the start of text; advances text. */
+bool ParseNumber(const char*& text, long low, long high, long& out) {
     const char* digits = text[0] == '-' ? text + 1 : text;
-    if (!std::isdigit(static_cast<unsigned char>(digits[0]))) {
+    if (*digits < '0' || *digits > '9') {
         return false;
     }
     char* end = nullptr;
     errno = 0;
     long value = std::strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value < low || value > high) {
+    if (errno != 0 || value < low || value > high) {
         return false;
     }
-    out = static_cast<int>(value);
+    text = end;
+    out = value;
     return true;
 }
 
-bool ParseBool(const char* text, bool& out) {
-    if (std::strcmp(text, "true") == 0) {
-        out = true;
-        return true;
-    }
-    if (std::strcmp(text, "false") == 0) {
-        out = false;
-        return true;
-    }
-    return false;
+/* An <int>: a signed 32-bit decimal number and nothing else. */
+bool ParseInt(const pugi::xml_node& value, long& out) {
+    const char* text = value.child_value();
+    return Is(value, "int") && ParseNumber(text, INT32_MIN, INT32_MAX, out) && *text == '\0';
 }
 
-/* Four printable ASCII characters, the first in the most significant byte. */
-bool ParseSignature(const char* text, OSType& out) {
-    if (std::strlen(text) != 4) {
+bool ParseBoolean(const pugi::xml_node& value, bool& out) {
+    if (!Is(value, "boolean")) {
         return false;
     }
-    OSType value = 0;
+    out = std::strcmp(value.child_value(), "TRUE") == 0;
+    return out || std::strcmp(value.child_value(), "FALSE") == 0;
+}
+
+/* An <ostype>: four printable ASCII characters, the first in the most significant byte. */
+bool ParseOSType(const pugi::xml_node& value, OSType& out) {
+    const char* text = value.child_value();
+    if (!Is(value, "ostype") || std::strlen(text) != 4) {
+        return false;
+    }
+    OSType code = 0;
     for (int i = 0; i < 4; i++) {
         unsigned char c = static_cast<unsigned char>(text[i]);
         if (c < 0x20 || c > 0x7E) {
             return false;
         }
-        value = (value << 8) | c;
+        code = (code << 8) | c;
     }
-    out = value;
+    out = code;
     return true;
 }
 
-constexpr long kCoordMin = -32768;
-constexpr long kCoordMax = 32767;
+bool ParseString(const pugi::xml_node& value, std::string& out) {
+    if (!Is(value, "string")) {
+        return false;
+    }
+    out = value.child_value();
+    return true;
+}
 
-struct ControlKindName {
-    const char* element;
+/* A rectangle as Interface Builder writes it: "top left bottom right ", four
+ * 16-bit numbers separated by blanks, none of the sides reversed. */
+bool ParseRect(const pugi::xml_node& value, PlatRect& out) {
+    if (!Is(value, "string")) {
+        return false;
+    }
+    const char* text = value.child_value();
+    long sides[4];
+    for (long& side : sides) {
+        text += std::strspn(text, " ");
+        if (!ParseNumber(text, kCoordMin, kCoordMax, side) || (*text != ' ' && *text != '\0')) {
+            return false;
+        }
+    }
+    if (text[std::strspn(text, " ")] != '\0' || sides[2] < sides[0] || sides[3] < sides[1]) {
+        return false;
+    }
+    out = PlatRect{static_cast<int>(sides[1]), static_cast<int>(sides[0]),
+                   static_cast<int>(sides[3] - sides[1]), static_cast<int>(sides[2] - sides[0])};
+    return true;
+}
+
+struct ControlClass {
+    const char* name;
     PlatControlKind kind;
 };
 
-constexpr ControlKindName kControlKinds[] = {
-    {"statictext", kPlatControlStaticText},
-    {"pushbutton", kPlatControlPushButton},
-    {"imageview", kPlatControlImageView},
-    {"progressindicator", kPlatControlProgressIndicator},
+constexpr ControlClass kControlClasses[] = {
+    {"IBCarbonStaticText", kPlatControlStaticText},
+    {"IBCarbonButton", kPlatControlPushButton},
+    {"IBCarbonImageView", kPlatControlImageView},
+    {"IBCarbonProgressBar", kPlatControlProgressIndicator},
 };
 
-bool ParseControl(const pugi::xml_node& node, ControlDef& control) {
-    bool known = false;
-    for (const ControlKindName& k : kControlKinds) {
-        if (std::strcmp(node.name(), k.element) == 0) {
-            control.kind = k.kind;
-            known = true;
-        }
-    }
-    if (!known) {
-        return false;
-    }
-    control.frame = PlatRect{0, 0, 0, 0};
-    control.id = ControlID{0, 0};
-    for (const pugi::xml_attribute& a : node.attributes()) {
-        const char* name = a.name();
-        const char* value = a.value();
-        bool ok;
-        if (std::strcmp(name, "signature") == 0) {
-            ok = ParseSignature(value, control.id.signature);
-        } else if (std::strcmp(name, "id") == 0) {
-            int id = 0;
-            ok = ParseInt(value, INT32_MIN, INT32_MAX, id);
-            control.id.id = id;
-        } else if (std::strcmp(name, "x") == 0) {
-            ok = ParseInt(value, kCoordMin, kCoordMax, control.frame.x);
-        } else if (std::strcmp(name, "y") == 0) {
-            ok = ParseInt(value, kCoordMin, kCoordMax, control.frame.y);
-        } else if (std::strcmp(name, "width") == 0) {
-            ok = ParseInt(value, 0, kCoordMax, control.frame.width);
-        } else if (std::strcmp(name, "height") == 0) {
-            ok = ParseInt(value, 0, kCoordMax, control.frame.height);
-        } else if (std::strcmp(name, "default") == 0 && control.kind == kPlatControlPushButton) {
-            ok = ParseBool(value, control.isDefault);
-        } else if (std::strcmp(name, "indeterminate") == 0 && control.kind == kPlatControlProgressIndicator) {
-            ok = ParseBool(value, control.indeterminate);
-        } else if (std::strcmp(name, "picture") == 0 && control.kind == kPlatControlImageView) {
-            control.picture = value;
-            ok = !control.picture.empty();
-        } else {
-            ok = false;
-        }
-        if (!ok) {
-            return false;
-        }
-    }
-    for (const pugi::xml_node& child : node.children()) {
-        if (child.type() != pugi::node_pcdata && child.type() != pugi::node_cdata) {
-            return false;
-        }
-        control.text += child.value();
-    }
-    return true;
-}
+/* One view and, unless it is hidden, the views inside it, in nib order. */
+class ViewReader {
+  public:
+    explicit ViewReader(WindowDef& window) : window_(window) {}
 
-bool ParseWindow(const pugi::xml_node& node, WindowDef& window) {
-    bool hasWidth = false;
-    bool hasHeight = false;
-    for (const pugi::xml_attribute& a : node.attributes()) {
-        const char* name = a.name();
-        bool ok;
-        if (std::strcmp(name, "name") == 0) {
-            window.name = a.value();
-            ok = true;
-        } else if (std::strcmp(name, "title") == 0) {
-            window.title = a.value();
-            ok = true;
-        } else if (std::strcmp(name, "width") == 0) {
-            ok = hasWidth = ParseInt(a.value(), 1, kCoordMax, window.width);
-        } else if (std::strcmp(name, "height") == 0) {
-            ok = hasHeight = ParseInt(a.value(), 1, kCoordMax, window.height);
-        } else if (std::strcmp(name, "closebox") == 0) {
-            ok = ParseBool(a.value(), window.closeBox);
-        } else {
-            ok = false;
-        }
-        if (!ok) {
+    bool Read(const pugi::xml_node& view, int depth) {
+        if (depth > kMaxViewDepth) {
             return false;
         }
-    }
-    if (!hasWidth || !hasHeight) {
-        return false;
-    }
-    std::set<std::pair<OSType, SInt32>> ids;
-    for (const pugi::xml_node& child : node.children()) {
-        if (child.type() == pugi::node_pcdata &&
-            child.value()[std::strspn(child.value(), " \t\r\n")] == '\0') {
-            continue;
+        bool known = false;
+        ControlDef control{};
+        for (const ControlClass& c : kControlClasses) {
+            if (std::strcmp(view.attribute("class").value(), c.name) == 0) {
+                control.kind = c.kind;
+                known = true;
+            }
         }
-        if (child.type() != pugi::node_element) {
+        control.frame = PlatRect{0, 0, 0, 0};
+        control.id = ControlID{0, 0};
+        bool hasBounds = false;
+        bool hidden = false;
+        pugi::xml_node subviews;
+        for (const pugi::xml_node& value : view.children()) {
+            if (!ReadMember(value, control, hasBounds, hidden, subviews)) {
+                return false;
+            }
+        }
+        if (hidden) {
+            return true;
+        }
+        if (known && !Place(control, hasBounds)) {
             return false;
         }
-        ControlDef control;
-        if (!ParseControl(child, control)) {
+        if (known) {
+            window_.controls.push_back(std::move(control));
+        }
+        if (subviews) {
+            if (!Is(subviews, "array")) {
+                return false;
+            }
+            for (const pugi::xml_node& child : subviews.children()) {
+                /* Views are archived inline; a reference would point back into the tree. */
+                if (Is(child, "object") && !Read(child, depth + 1)) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    }
+
+  private:
+    bool ReadMember(const pugi::xml_node& value, ControlDef& control, bool& hasBounds, bool& hidden,
+                    pugi::xml_node& subviews) {
+        const char* key = value.attribute("name").value();
+        long number = 0;
+        bool ok = true;
+        if (std::strcmp(key, "bounds") == 0) {
+            ok = hasBounds = ParseRect(value, control.frame);
+        } else if (std::strcmp(key, "controlSignature") == 0) {
+            ok = ParseOSType(value, control.id.signature);
+        } else if (std::strcmp(key, "controlID") == 0) {
+            ok = ParseInt(value, number);
+            control.id.id = static_cast<SInt32>(number);
+        } else if (std::strcmp(key, "title") == 0) {
+            ok = ParseString(value, control.text);
+        } else if (std::strcmp(key, "command") == 0) {
+            ok = ParseOSType(value, control.command);
+        } else if (std::strcmp(key, "buttonType") == 0) {
+            ok = ParseInt(value, number);
+            control.isDefault = number == kNibDefaultButtonType;
+            control.isCancel = number == kNibCancelButtonType;
+        } else if (std::strcmp(key, "indeterminate") == 0) {
+            ok = ParseBoolean(value, control.indeterminate);
+        } else if (std::strcmp(key, "imageName") == 0) {
+            ok = ParseString(value, control.picture);
+        } else if (std::strcmp(key, "hidden") == 0) {
+            ok = ParseBoolean(value, hidden);
+        } else if (std::strcmp(key, "subviews") == 0) {
+            subviews = value;
+        }
+        return ok;
+    }
+
+    /* A built control lies wholly inside its window and has a ControlID of its own. */
+    bool Place(const ControlDef& control, bool hasBounds) {
+        const PlatRect& f = control.frame;
+        if (!hasBounds || f.x < 0 || f.y < 0 || f.x + f.width > window_.width ||
+            f.y + f.height > window_.height) {
             return false;
         }
         bool identified = control.id.signature != 0 || control.id.id != 0;
-        if (identified && !ids.insert({control.id.signature, control.id.id}).second) {
+        return !identified || ids_.insert({control.id.signature, control.id.id}).second;
+    }
+
+    WindowDef& window_;
+    std::set<std::pair<OSType, SInt32>> ids_;
+};
+
+bool ParseWindow(const pugi::xml_node& object, WindowDef& window) {
+    PlatRect rect{};
+    if (!ParseRect(Member(object, "windowRect"), rect) || rect.width == 0 || rect.height == 0) {
+        return false;
+    }
+    window.width = rect.width;
+    window.height = rect.height;
+    long windowClass = kNibDocumentWindowClass;
+    bool hasCloseBox = true;
+    pugi::xml_node value;
+    if ((value = Member(object, "title")) && !ParseString(value, window.title)) {
+        return false;
+    }
+    if ((value = Member(object, "carbonWindowClass")) && !ParseInt(value, windowClass)) {
+        return false;
+    }
+    if ((value = Member(object, "hasCloseBox")) && !ParseBoolean(value, hasCloseBox)) {
+        return false;
+    }
+    window.closeBox =
+        hasCloseBox && (windowClass == kNibDocumentWindowClass || windowClass == kNibFloatingWindowClass ||
+                        windowClass == kNibUtilityWindowClass);
+    pugi::xml_node root = Member(object, "rootControl");
+    if (!root) {
+        return true;
+    }
+    if (!Is(root, "object")) {
+        return false;
+    }
+    pugi::xml_node subviews = Member(root, "subviews");
+    if (!subviews) {
+        return true;
+    }
+    if (!Is(subviews, "array")) {
+        return false;
+    }
+    ViewReader reader(window);
+    for (const pugi::xml_node& child : subviews.children()) {
+        if (Is(child, "object") && !reader.Read(child, 1)) {
             return false;
         }
-        window.controls.push_back(std::move(control));
     }
     return true;
 }
 
-/* A nib holds windows and nothing else. */
-bool IsNib(const pugi::xml_document& document) {
-    pugi::xml_node root = document.document_element();
-    if (std::strcmp(root.name(), "nib") != 0 || root.first_attribute()) {
-        return false;
-    }
-    for (const pugi::xml_node& child : root.children()) {
-        if (child.type() != pugi::node_element || std::strcmp(child.name(), "window") != 0) {
+/* Every object that has an id, wherever it is archived; false if an id repeats. */
+bool IndexObjects(const pugi::xml_node& top, std::unordered_map<std::string, pugi::xml_node>& ids) {
+    pugi::xml_node node = top;
+    while (node) {
+        if (Is(node, "object") && node.attribute("id") &&
+            !ids.emplace(node.attribute("id").value(), node).second) {
             return false;
         }
+        if (node.first_child()) {
+            node = node.first_child();
+            continue;
+        }
+        while (node && node != top && !node.next_sibling()) {
+            node = node.parent();
+        }
+        node = node == top ? pugi::xml_node() : node.next_sibling();
     }
     return true;
+}
+
+size_t CountElements(const pugi::xml_node& array) {
+    size_t count = 0;
+    for (const pugi::xml_node& child : array.children()) {
+        count += child.type() == pugi::node_element;
+    }
+    return count;
+}
+
+/* The archive's frame: a Carbon object data whose parent list matches its
+ * object list and whose name table pairs names with references. */
+bool ReadArchive(NibRec& nib) {
+    pugi::xml_node root = nib.document->document_element();
+    pugi::xml_node objects = Member(root, "allObjects");
+    pugi::xml_node parents = Member(root, "allParents");
+    pugi::xml_node names = Member(root, "nameTable");
+    if (!Is(root, "object") || std::strcmp(root.attribute("class").value(), "NSIBObjectData") != 0 ||
+        std::strcmp(Member(root, "targetFramework").child_value(), "IBCarbonFramework") != 0 ||
+        !Is(objects, "array") || !Is(parents, "array") || CountElements(objects) != CountElements(parents) ||
+        !Is(names, "dictionary")) {
+        return false;
+    }
+    pugi::xml_node key;
+    for (const pugi::xml_node& entry : names.children()) {
+        if (entry.type() != pugi::node_element) {
+            continue;
+        }
+        if (!key) {
+            if (!Is(entry, "string")) {
+                return false;
+            }
+            key = entry;
+            continue;
+        }
+        if (!Is(entry, "reference") || !entry.attribute("idRef")) {
+            return false;
+        }
+        nib.names.emplace(key.child_value(), entry.attribute("idRef").value());
+        key = pugi::xml_node();
+    }
+    return !key && IndexObjects(root, nib.ids);
+}
+
+/* The whole file, if it is a regular file of a size a nib can have (opened
+ * without waiting, so a pipe in its place cannot hold the caller up). */
+bool ReadFile(const std::string& path, std::string& bytes) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat info;
+    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaxNibBytes;
+    if (ok) {
+        bytes.assign(static_cast<size_t>(info.st_size), '\0');
+        size_t done = 0;
+        ssize_t count = 1;
+        while (done < bytes.size() && (count = read(fd, &bytes[done], bytes.size() - done)) > 0) {
+            done += static_cast<size_t>(count);
+        }
+        ok = done == bytes.size() && count >= 0;
+    }
+    close(fd);
+    return ok;
 }
 
 std::string PathOf(CFURLRef url) {
@@ -243,6 +423,37 @@ std::string PathOf(CFURLRef url) {
     if (!CFURLGetFileSystemRepresentation(url, true, reinterpret_cast<UInt8*>(path), sizeof path)) {
         return std::string();
     }
+    return path;
+}
+
+std::string UTF8Of(CFStringRef string) {
+    CFIndex length = CFStringGetLength(string);
+    std::string text(static_cast<size_t>(length > 0 ? length : 0) * 3 + 1, '\0');
+    if (!CFStringGetCString(string, &text[0], static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8)) {
+        return std::string();
+    }
+    text.resize(std::strlen(text.c_str()));
+    return text;
+}
+
+/* <name>.nib/objects.xib in the first of the bundle's places that has one:
+ * the resources themselves, then the user's languages, then English. */
+std::string FindNib(const std::string& name) {
+    CFBundleRef bundle = CFBundleGetMainBundle();
+    if (bundle == nullptr || name.empty() || name.find('/') != std::string::npos) {
+        return std::string();
+    }
+    CFStringRef folder = CFStringCreateWithCString(nullptr, (name + ".nib").c_str(), kCFStringEncodingUTF8);
+    if (folder == nullptr) {
+        return std::string();
+    }
+    CFURLRef url = CFBundleCopyResourceURL(bundle, CFSTR("objects"), CFSTR("xib"), folder);
+    CFRelease(folder);
+    if (url == nullptr) {
+        return std::string();
+    }
+    std::string path = PathOf(url);
+    CFRelease(url);
     return path;
 }
 
@@ -259,24 +470,19 @@ OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef) {
     if (inNibName == nullptr) {
         return paramErr;
     }
-    CFBundleRef bundle = CFBundleGetMainBundle();
-    if (bundle == nullptr) {
+    std::string path = FindNib(UTF8Of(inNibName));
+    std::string bytes;
+    if (path.empty() || !ReadFile(path, bytes)) {
         return kIBCarbonRuntimeCantFindNibFile;
     }
-    CFURLRef url = CFBundleCopyResourceURL(bundle, inNibName, CFSTR("nib"), nullptr);
-    if (url == nullptr) {
-        return kIBCarbonRuntimeCantFindNibFile;
-    }
-    std::string path = PathOf(url);
-    CFRelease(url);
-
-    auto document = std::make_shared<pugi::xml_document>();
-    if (path.empty() || !document->load_file(path.c_str()) || !IsNib(*document)) {
+    auto nib = std::make_shared<NibRec>();
+    nib->document = std::make_unique<pugi::xml_document>();
+    if (!nib->document->load_buffer(bytes.data(), bytes.size()) || !ReadArchive(*nib)) {
         return kIBCarbonRuntimeCantFindNibFile;
     }
     std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
     uintptr_t id = plat::NewObjectId();
-    Nibs()[id] = NibRec{std::move(document)};
+    Nibs()[id] = std::move(nib);
     *outNibRef = reinterpret_cast<IBNibRef>(id);
     return noErr;
 }
@@ -300,29 +506,30 @@ OSStatus CreateWindowFromNib(IBNibRef inNibRef, CFStringRef inName, WindowRef* o
     if (inName == nullptr) {
         return paramErr;
     }
-    std::shared_ptr<const pugi::xml_document> document;
+    std::shared_ptr<const NibRec> nib;
     {
         std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
         auto it = Nibs().find(reinterpret_cast<uintptr_t>(inNibRef));
         if (it == Nibs().end()) {
             return paramErr;
         }
-        document = it->second.document;
+        nib = it->second;
     }
-    CFIndex length = CFStringGetLength(inName);
-    std::string name(static_cast<size_t>(length > 0 ? length : 0) * 3 + 1, '\0');
-    if (!CFStringGetCString(inName, &name[0], static_cast<CFIndex>(name.size()), kCFStringEncodingUTF8)) {
-        return paramErr;
-    }
-    name.resize(std::strlen(name.c_str()));
-
-    pugi::xml_node node =
-        document->document_element().find_child_by_attribute("window", "name", name.c_str());
-    if (!node) {
+    std::string name = UTF8Of(inName);
+    auto named = nib->names.find(name);
+    if (name.empty() || named == nib->names.end()) {
         return kIBCarbonRuntimeCantFindObject;
     }
+    auto object = nib->ids.find(named->second);
+    if (object == nib->ids.end()) {
+        return kIBCarbonRuntimeCantFindObject;
+    }
+    if (std::strcmp(object->second.attribute("class").value(), "IBCarbonWindow") != 0) {
+        return kIBCarbonRuntimeObjectNotOfRequestedType;
+    }
     WindowDef window;
-    if (!ParseWindow(node, window)) {
+    window.name = name;
+    if (!ParseWindow(object->second, window)) {
         return kIBCarbonRuntimeObjectNotOfRequestedType;
     }
     return plat::CreateWindowFromDef(window, outWindow);

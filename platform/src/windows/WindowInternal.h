@@ -16,6 +16,8 @@ struct ControlDef {
     ControlID id; /* {0, 0}: a control nobody looks up */
     std::string text;
     bool isDefault = false;
+    bool isCancel = false; /* push button: the nib marks it as the window's cancel button */
+    OSType command = 0;    /* push button: the command it stands for, 0 for none */
     bool indeterminate = false;
     std::string picture; /* image view: a resource of the main bundle */
 };

@@ -300,12 +300,21 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
         root.frame = PlatRect{0, 0, def.width, def.height};
         M().controls[window.root] = std::move(root);
 
-        for (ControlRec& c : controls) {
+        for (size_t i = 0; i < controls.size(); i++) {
             uintptr_t controlId = NewObjectId();
+            ControlRec& c = controls[i];
             c.window = id;
             c.target = CreateTarget(window.target);
             M().controls[controlId] = std::move(c);
             window.controls.push_back(controlId);
+            /* A nib's default and cancel button types mark the window's buttons, as when
+             * the program calls SetWindowDefaultButton and SetWindowCancelButton. */
+            if (def.controls[i].isDefault && window.defaultButton == 0) {
+                window.defaultButton = controlId;
+            }
+            if (def.controls[i].isCancel && window.cancelButton == 0) {
+                window.cancelButton = controlId;
+            }
         }
         M().windows[id] = std::move(window);
     }
