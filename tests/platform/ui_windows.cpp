@@ -512,14 +512,16 @@ TEST_F(WindowsTest, WindowsAreBuiltAsDescribed) {
     WindowRef other = NewWindow("Other");
     EXPECT_EQ(GetControlByID(window, &elsewhere, &control), errUnknownControl);
 
-    // The default and cancel buttons are controls of the window itself; null clears.
+    // The nib's button types mark the default and cancel buttons; the program may change
+    // them to controls of the window itself, and null clears.
     ControlRef chosen = nullptr;
-    EXPECT_EQ(SetWindowDefaultButton(window, yes), noErr);
-    EXPECT_EQ(SetWindowCancelButton(window, Control(other, 'OK  ', 7)), errUnknownControl);
-    EXPECT_EQ(GetWindowCancelButton(window, &chosen), noErr);
-    EXPECT_EQ(chosen, nullptr);
     EXPECT_EQ(GetWindowDefaultButton(window, &chosen), noErr);
     EXPECT_EQ(chosen, yes);
+    EXPECT_EQ(GetWindowCancelButton(window, &chosen), noErr);
+    EXPECT_EQ(chosen, Control(window, 'NO11', 1));
+    EXPECT_EQ(SetWindowCancelButton(window, Control(other, 'OK  ', 7)), errUnknownControl);
+    EXPECT_EQ(GetWindowCancelButton(window, &chosen), noErr);
+    EXPECT_EQ(chosen, Control(window, 'NO11', 1));
     EXPECT_EQ(SetWindowDefaultButton(window, nullptr), noErr);
     EXPECT_EQ(GetWindowDefaultButton(window, &chosen), noErr);
     EXPECT_EQ(chosen, nullptr);
