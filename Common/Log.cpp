@@ -7,7 +7,7 @@
 
 #include "bounded/bounded.h"
 
-#include <mutex>
+#include <pthread.h>
 #include <stdarg.h>
 #include <string.h>
 #include <time.h>
@@ -24,32 +24,57 @@ constexpr long kEmptyFrom = 10000001; // a file of more bytes than 10,000,000 st
 
 // Main thread and copy worker both log: one number per line, and no line may meet the
 // stream while it is closed and reopened for emptying.
-std::mutex g_logLock;
+pthread_mutex_t g_logLock = PTHREAD_MUTEX_INITIALIZER;
 
 const char* SourceTag(const char* source) {
     const char* slash = strrchr(source, '/');
     return slash != nullptr ? slash + 1 : source;
 }
 
+/* Writes one line at the end of the log file, opening it first and emptying it when it
+ * has grown too large. Called with the lock held; a line that cannot be written is lost. */
+void AppendLine(const char* line) {
+    if (g_stream == nullptr) {
+        g_stream = OpenPlainFile(g_szlogFileName, O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW, "a+", false);
+        if (g_stream == nullptr) {
+            return;
+        }
+    }
+    if (fseek(g_stream, 0, SEEK_END) == 0) {
+        long size = ftell(g_stream);
+        if (size >= kEmptyFrom) {
+            fclose(g_stream);
+            g_stream = OpenPlainFile(g_szlogFileName, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, "w+", false);
+            if (g_stream == nullptr) {
+                return;
+            }
+        }
+    }
+    fwrite(line, 1, strlen(line), g_stream);
+}
+
 } // namespace
 
 void InitLogSystem(const char* path) {
-    std::lock_guard<std::mutex> hold(g_logLock);
-    if (path == nullptr || strnlen(path, kPathMax) >= kPathMax) {
+    pthread_mutex_lock(&g_logLock);
+    // A path without a terminator among its first kPathMax bytes is too long.
+    if (path == nullptr || memchr(path, '\0', kPathMax) == nullptr) {
         g_blogSystemInitSuccess = false;
-        return;
+    } else {
+        strncpy_s(g_szlogFileName, sizeof g_szlogFileName, path, sizeof g_szlogFileName - 1);
+        g_blogSystemInitSuccess = true;
     }
-    strncpy_s(g_szlogFileName, sizeof g_szlogFileName, path, sizeof g_szlogFileName - 1);
-    g_blogSystemInitSuccess = true;
+    pthread_mutex_unlock(&g_logLock);
 }
 
 void CloseLogSystem(void) {
-    std::lock_guard<std::mutex> hold(g_logLock);
+    pthread_mutex_lock(&g_logLock);
     if (g_stream != nullptr) {
         fclose(g_stream);
         g_stream = nullptr;
     }
     g_blogSystemInitSuccess = false;
+    pthread_mutex_unlock(&g_logLock);
 }
 
 void Log(const char* source, const char* func, const char* format, ...) {
@@ -75,31 +100,14 @@ void Log(const char* source, const char* func, const char* format, ...) {
     time_t now = time(nullptr);
     localtime_r(&now, &local);
 
-    std::lock_guard<std::mutex> hold(g_logLock);
+    pthread_mutex_lock(&g_logLock);
     // Checked under the lock so that a line racing CloseLogSystem cannot reopen the file.
-    if (!g_blogSystemInitSuccess) {
-        return;
+    if (g_blogSystemInitSuccess) {
+        ++iCnt;
+        snprintf_s(line, sizeof line, sizeof line - 1, "line %d===%d-%d-%d %d:%d:%d   %s:%s --- %s\n", iCnt,
+                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                   local.tm_sec, tag, func, message);
+        AppendLine(line);
     }
-    ++iCnt;
-    snprintf_s(line, sizeof line, sizeof line - 1, "line %d===%d-%d-%d %d:%d:%d   %s:%s --- %s\n", iCnt,
-               local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-               local.tm_sec, tag, func, message);
-
-    if (g_stream == nullptr) {
-        g_stream = OpenPlainFile(g_szlogFileName, O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW, "a+", false);
-        if (g_stream == nullptr) {
-            return;
-        }
-    }
-    if (fseek(g_stream, 0, SEEK_END) == 0) {
-        long size = ftell(g_stream);
-        if (size >= kEmptyFrom) {
-            fclose(g_stream);
-            g_stream = OpenPlainFile(g_szlogFileName, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, "w+", false);
-            if (g_stream == nullptr) {
-                return;
-            }
-        }
-    }
-    fwrite(line, 1, strlen(line), g_stream);
+    pthread_mutex_unlock(&g_logLock);
 }

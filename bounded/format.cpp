@@ -8,6 +8,7 @@
  * floating conversions are handed to the platform's formatter.
  */
 #include "bounded/bounded.h"
+#include "bounded/scan.h"
 
 #include <limits.h>
 #include <stdint.h>
@@ -455,8 +456,10 @@ void ConvertInteger(Conversion& conv, char type, ArgumentList& argList, char (&b
 
 /* Length of at most maxChars characters of text (all of it when maxChars is negative). */
 int NarrowTextLength(const char* text, int maxChars) {
-    size_t len = strnlen(text, maxChars < 0 ? static_cast<size_t>(INT_MAX) : static_cast<size_t>(maxChars));
-    return static_cast<int>(len);
+    // A whole text is measured by strlen: a bound of INT_MAX bytes from text could run
+    // past the end of a 32-bit address space.
+    size_t len = maxChars < 0 ? strlen(text) : bounded::LengthWithin(text, static_cast<size_t>(maxChars));
+    return len > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(len);
 }
 
 /* Calls the platform's formatter on one floating specification and the arguments that
@@ -957,7 +960,7 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
             written += i;
             format += i;
             if (*format != '\0' && *format != '%') {
-                const char* end = strchrnul(format, '%');
+                const char* end = bounded::FindOrEnd(format, '%');
                 WriteText(format, static_cast<int>(end - format), &out, &written);
                 format = end;
                 if (written == -1) {

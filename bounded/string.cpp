@@ -5,6 +5,7 @@
  * cutting is the caller's business, through count.
  */
 #include "bounded/bounded.h"
+#include "bounded/scan.h"
 
 #include <stdint.h>
 #include <string.h>
@@ -61,7 +62,7 @@ int AppendWithOverlapWatch(char* dest, size_t destMax, size_t len, const char* s
 extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t count) {
     if (dest != NULL && src != NULL && IsValidDestMax(destMax) && count - 1 < BOUNDED_MAX_LEN) {
         /* Reads no further than count characters, nor than the one that would not fit. */
-        size_t n = strnlen(src, count < destMax ? count : destMax);
+        size_t n = bounded::LengthWithin(src, count < destMax ? count : destMax);
         if (n < destMax && (dest == src || !Overlap(dest, src, n + 1))) {
             if (dest != src) {
                 memcpy(dest, src, n);
@@ -100,7 +101,7 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
     if (count > BOUNDED_MAX_LEN) {
         return ResetText(dest, BOUNDED_ERANGE_RESET);
     }
-    size_t len = dest[0] == '\0' ? 0 : strnlen(dest, destMax);
+    size_t len = dest[0] == '\0' ? 0 : bounded::LengthWithin(dest, destMax);
     if (Address(dest) < Address(src) && Address(src) < Address(dest) + len) {
         return ResetText(dest, BOUNDED_EOVERLAP_RESET);
     }
@@ -125,7 +126,7 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
             strncat(dest + len, src, count);
             return BOUNDED_OK;
         }
-        size_t n = strnlen(src, scan);
+        size_t n = bounded::LengthWithin(src, scan);
         if (n == room) {
             /* What was appended up to the last byte stays behind the emptied text. */
             memcpy(dest + len, src, room);
@@ -148,7 +149,7 @@ extern "C" int strcpy_s(char* dest, size_t destMax, const char* src) {
     if (src == NULL) {
         return ResetText(dest, BOUNDED_EINVAL_RESET);
     }
-    size_t n = strnlen(src, destMax);
+    size_t n = bounded::LengthWithin(src, destMax);
     if (n == destMax) {
         return ResetText(dest, BOUNDED_ERANGE_RESET);
     }

@@ -263,6 +263,9 @@ namespace plat {
 OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
     *outWindow = nullptr;
     const PlatBackendOps* backend = AcquireBackend();
+    if (backend == nullptr) {
+        return errInvalidWindowPtr; /* the window code could not be loaded */
+    }
     SetLoopWaiter(WaitInBackend, WakeBackend);
 
     /* Pictures are decoded before the model is touched: it takes the disk. */
