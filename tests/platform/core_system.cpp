@@ -1,4 +1,5 @@
-// Semaphores, the process table's short buffer, the Mac facts, and PNG pictures.
+// The Mac facts, the process table's short buffer, and PNG pictures. (The semaphores are
+// proven by the launcher's completion event.)
 #include "support.h"
 
 #include "system/PlatProc.h"
@@ -13,34 +14,6 @@
 using namespace ptest;
 
 namespace {
-
-long MillisecondsOfWait(MPSemaphoreID semaphore, Duration duration, OSStatus expected) {
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(MPWaitOnSemaphore(semaphore, duration), expected);
-    auto elapsed = std::chrono::steady_clock::now() - start;
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
-}
-
-// Waiting forever for a signal is the launcher's own test; here the limits and time-outs.
-TEST(MPSemaphore, CountsTimeOutsAndIdentifiers) {
-    MPSemaphoreID semaphore = nullptr;
-    ASSERT_EQ(MPCreateSemaphore(2, 1, &semaphore), noErr);
-    EXPECT_EQ(MPSignalSemaphore(semaphore), noErr);
-    EXPECT_EQ(MPSignalSemaphore(semaphore), kMPInsufficientResourcesErr);
-    EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
-    EXPECT_EQ(MPCreateSemaphore(1, 2, &semaphore), paramErr) << "initial count above the maximum";
-    // Deleted with a signal pending, or never created: an error, and no wait.
-    for (MPSemaphoreID id : {semaphore, static_cast<MPSemaphoreID>(nullptr)}) {
-        EXPECT_EQ(MPWaitOnSemaphore(id, kDurationForever), kMPInvalidIDErr);
-        EXPECT_EQ(MPDeleteSemaphore(id), kMPInvalidIDErr);
-    }
-    Watchdog watchdog;
-    ASSERT_EQ(MPCreateSemaphore(1, 0, &semaphore), noErr);
-    EXPECT_GE(MillisecondsOfWait(semaphore, 100 * kDurationMillisecond, kMPTimeoutErr), 95);
-    long elapsed = MillisecondsOfWait(semaphore, 50000 * kDurationMicrosecond, kMPTimeoutErr); // not 50 s
-    EXPECT_TRUE(elapsed >= 45 && elapsed < 10000) << elapsed;
-    EXPECT_EQ(MPDeleteSemaphore(semaphore), noErr);
-}
 
 // What the launcher takes from the Mac's headers: codes, records as the 64-bit Mac lays
 // them out, and prototypes. The same lines hold against the Mac OS X 10.6 SDK.

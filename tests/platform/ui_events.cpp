@@ -1,5 +1,5 @@
 // The Event Manager: dispatch order and propagation, handler removal, closes, the main
-// queue, event parameters, and the main thread's rule.
+// queue, and the main thread's rule.
 #include "support.h"
 
 using namespace ptest;
@@ -118,21 +118,6 @@ TEST_F(EventsTest, OffTheMainThreadHandlersRunThereAndWindowCallsAreRefused) {
     setenv("PLAT_ABORT_ON_THREAD_MISUSE", "1", 1);
     EXPECT_DEATH(std::thread([&] { ShowWindow(window); }).join(),
                  "ShowWindow called off the main thread: aborting");
-}
-
-// A wrong type, too small a buffer or an absent parameter: an error, and nothing written.
-TEST(EventParameters, TypedAndSizeChecked) {
-    EventRef event = NewCommandEvent('clos');
-    unsigned char guard[sizeof(HICommand)];
-    memset(guard, 0xAB, sizeof guard);
-    EventParamName direct = kEventParamDirectObject;
-    EXPECT_NE(GetEventParameter(event, direct, typeHICommand, nullptr, sizeof guard - 1, nullptr, guard),
-              noErr);
-    EXPECT_NE(GetEventParameter(event, direct, typeWindowRef, nullptr, sizeof guard, nullptr, guard), noErr);
-    EXPECT_EQ(GetEventParameter(event, kEventParamKeyModifiers, typeUInt32, nullptr, 4, nullptr, guard),
-              eventParameterNotFoundErr);
-    EXPECT_EQ(std::string(guard, guard + sizeof guard), std::string(sizeof guard, '\xAB'));
-    ReleaseEvent(event);
 }
 
 } // namespace
