@@ -1,4 +1,4 @@
-// Text encodings, the main bundle's resources and localised strings.
+// Text encodings and localised strings. (The launcher's windows find its nib and picture.)
 #include "support.h"
 
 using namespace ptest;
@@ -27,28 +27,6 @@ void SetLocale(const char* all, const char* messages, const char* lang) {
     const char* values[] = {all, messages, lang};
     for (int i = 0; i < 3; ++i)
         values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
-}
-
-TEST(CFBundle, ResourcesBeforeLocalisationFolders) {
-    SetLocale(nullptr, nullptr, "de_DE.UTF-8");
-    TempBundle bundle;
-    for (const char* file : {"main.nib", "de.lproj/main.nib", "de.lproj/german.txt",
-                             "English.lproj/english.txt", "fr.lproj/french.txt"})
-        bundle.Put(file, "x");
-    struct {
-        const char *name, *type, *found;
-    } cases[] = {
-        {"main", "nib", "/main.nib"},
-        {"german.txt", nullptr, "/de.lproj/german.txt"},
-        {"english", "txt", "/English.lproj/english.txt"},
-        {"french", "txt", nullptr},
-    };
-    for (const auto& c : cases) {
-        CFStringRef name = Str(c.name), type = Str(c.type);
-        std::string path = TakePath(CFBundleCopyResourceURL(CFBundleGetMainBundle(), name, type, nullptr));
-        EXPECT_EQ(path, c.found ? bundle.Resources() + c.found : "<null>") << c.name;
-        Release({name, type});
-    }
 }
 
 // The text of key in table "custom", with value (else the key) as the fallback.

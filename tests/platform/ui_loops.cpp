@@ -8,7 +8,8 @@ namespace {
 class LoopsTest : public UiTest {};
 
 // The progress window's exchange: the worker posts "clos" to the main queue and the modal
-// loop dispatches it on the main thread. (Posted before the loop: the launcher's own test.)
+// loop dispatches it on the main thread. (Posted before the loop, and the box's "Yes" whose
+// quit of the application loop waits for the progress window's modal loop: the launcher's tests.)
 TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
     WindowRef window = NewWindow("Progress");
     ShowWindow(window);
@@ -27,38 +28,6 @@ TEST_F(LoopsTest, WorkerCommandEndsModalLoop) {
     // A window that is not there, or no longer: an error at once.
     EXPECT_EQ(RunAppModalLoopForWindow(nullptr), errInvalidWindowRef);
     EXPECT_EQ(RunAppModalLoopForWindow(window), errInvalidWindowRef);
-}
-
-// The message box's "Yes": its handler asks the application loop to quit, then runs a
-// modal loop for the progress window, which that quit does not end; the application
-// loop returns once the handler has returned.
-TEST_F(LoopsTest, ApplicationQuitWaitsForTheHandlerAndItsModalLoop) {
-    WindowRef box = NewWindow("Box");
-    WindowRef progress = NewWindow("Progress");
-    PlatScriptSetAction("Box", kPlatScriptPressControl, 'YES1', 1);
-    std::vector<std::string> trace;
-    std::thread worker;
-    Install(GetApplicationEventTarget(), kHit, [&](EventHandlerCallRef, EventRef) {
-        trace.push_back("yes");
-        QuitApplicationEventLoop();
-        DisposeWindow(box);
-        worker = After(100, [] { SendCommand('clos'); });
-        ShowWindow(progress);
-        RunAppModalLoopForWindow(progress);
-        trace.push_back("modal ended");
-        return noErr;
-    });
-    Install(GetApplicationEventTarget(), kCommand, [&](EventHandlerCallRef, EventRef) {
-        trace.push_back("clos");
-        QuitAppModalLoopForWindow(progress);
-        DisposeWindow(progress);
-        return noErr;
-    });
-    ShowWindow(box);
-    RunApplicationEventLoop();
-    trace.push_back("application loop ended");
-    worker.join();
-    EXPECT_EQ(trace, (std::vector<std::string>{"yes", "clos", "modal ended", "application loop ended"}));
 }
 
 // A quit asked while no application loop runs is ignored: the next loop runs until a
