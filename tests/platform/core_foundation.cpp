@@ -1,60 +1,24 @@
-// Text encodings, the main bundle's paths and URL text, resources and localised strings.
+// Text encodings and localised strings. (The launcher's windows find its nib and picture.)
 #include "support.h"
 
 using namespace ptest;
 
 namespace {
 
-// Bytes 0x80 to 0xFF of Mac Roman, from an independent copy of the table.
-const char kMacRomanHigh[] = "ÄÅÇÉÑÖÜáàâäãåçéèêëíìîïñóòôöõúùûü"       // 0x80
-                             "†°¢£§•¶ß®©™´¨≠ÆØ∞±≤≥¥µ∂∑∏π∫ªºΩæø"       // 0xA0
-                             "¿¡¬√ƒ≈∆«»…\u00A0ÀÃÕŒœ–—“”‘’÷◊ÿŸ⁄€‹›ﬁﬂ"  // 0xC0
-                             "‡·‚„‰ÂÊÁËÈÍÎÏÌÓÔ\uF8FFÒÚÛÙıˆ˜¯˘˙˚¸˝˛ˇ"; // 0xE0
-
-TEST(CFString, MacRomanEveryByteBothWaysAndShortBuffers) {
-    char all[256];
-    for (int i = 1; i < 256; ++i)
-        all[i - 1] = static_cast<char>(i);
-    all[255] = '\0';
-    CFStringRef string = CFStringCreateWithCString(nullptr, all, kCFStringEncodingMacRoman);
-    ASSERT_EQ(CFStringGetLength(string), 255);
-    std::string utf8 = std::string(all, 127) + kMacRomanHigh;
+// High Mac Roman bytes both ways; a buffer one byte short of text and terminator is refused
+// and not overrun.
+TEST(CFString, MacRomanBothWaysAndShortBuffers) {
+    const char roman[] = "\x80\xA5\xC9\xCA\xD2\xDB\xF0\xFF", utf8[] = "Ä•…\u00A0“€\uF8FFˇ";
+    CFStringRef string = CFStringCreateWithCString(nullptr, roman, kCFStringEncodingMacRoman);
     EXPECT_EQ(UTF8(string), utf8);
-
-    // Buffers one byte short of the text and its terminator are refused, and not overrun.
-    std::string buffer(utf8.size() + 1, '#');
-    EXPECT_FALSE(CFStringGetCString(string, buffer.data(), 255, kCFStringEncodingMacRoman));
-    EXPECT_EQ(buffer[255], '#');
-    EXPECT_FALSE(CFStringGetCString(string, buffer.data(), utf8.size(), kCFStringEncodingUTF8));
-    EXPECT_EQ(buffer[utf8.size()], '#');
-    ASSERT_TRUE(CFStringGetCString(string, buffer.data(), 256, kCFStringEncodingMacRoman));
-    EXPECT_EQ(buffer.substr(0, 256), std::string(all, 256));
+    std::string buffer(sizeof utf8, '#');
+    EXPECT_FALSE(CFStringGetCString(string, buffer.data(), sizeof roman - 1, kCFStringEncodingMacRoman));
+    EXPECT_EQ(buffer[sizeof roman - 1], '#');
+    EXPECT_FALSE(CFStringGetCString(string, buffer.data(), sizeof utf8 - 1, kCFStringEncodingUTF8));
+    EXPECT_EQ(buffer[sizeof utf8 - 1], '#');
+    ASSERT_TRUE(CFStringGetCString(string, buffer.data(), sizeof roman, kCFStringEncodingMacRoman));
+    EXPECT_STREQ(buffer.c_str(), roman);
     CFRelease(string);
-}
-
-// The bundle is the folder above the last Contents/MacOS; its URL text as 10.4 wrote it.
-TEST(CFBundle, MainBundlePathsAndURLText) {
-    struct {
-        const char *executable, *bundleURL;
-    } cases[] = {
-        {"/Volumes/My Disc/Contents/Launcher.app/Contents/MacOS/Launcher",
-         "file://localhost/Volumes/My%20Disc/Contents/Launcher.app/"},
-        {"/tmp/100% sure/a#b?c;\xC3\xA9~x/A.app/Contents/MacOS/A",
-         "file://localhost/tmp/100%25%20sure/a%23b%3Fc%3B%C3%A9~x/A.app/"},
-        {"/opt/tools/bin/prog", "file://localhost/opt/tools/bin/"},
-    };
-    for (const auto& c : cases) {
-        PlatSetExecutablePath(c.executable);
-        CFBundleRef bundle = CFBundleGetMainBundle();
-        CFURLRef url = CFBundleCopyBundleURL(bundle);
-        EXPECT_EQ(UTF8(CFURLGetString(url)), c.bundleURL);
-        CFRelease(url);
-        EXPECT_EQ(TakePath(CFBundleCopyExecutableURL(bundle)), c.executable);
-        url = CFBundleCopyExecutableURL(bundle);
-        std::vector<UInt8> buffer(strlen(c.executable)); // one short of the path and its terminator
-        EXPECT_FALSE(CFURLGetFileSystemRepresentation(url, true, buffer.data(), CFIndex(buffer.size())));
-        CFRelease(url);
-    }
 }
 
 // The language comes from LC_ALL, LC_MESSAGES or LANG; each test sets all three.
@@ -63,28 +27,6 @@ void SetLocale(const char* all, const char* messages, const char* lang) {
     const char* values[] = {all, messages, lang};
     for (int i = 0; i < 3; ++i)
         values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
-}
-
-TEST(CFBundle, ResourcesBeforeLocalisationFolders) {
-    SetLocale(nullptr, nullptr, "de_DE.UTF-8");
-    TempBundle bundle;
-    for (const char* file : {"main.nib", "de.lproj/main.nib", "de.lproj/german.txt",
-                             "English.lproj/english.txt", "fr.lproj/french.txt"})
-        bundle.Put(file, "x");
-    struct {
-        const char *name, *type, *found;
-    } cases[] = {
-        {"main", "nib", "/main.nib"},
-        {"german.txt", nullptr, "/de.lproj/german.txt"},
-        {"english", "txt", "/English.lproj/english.txt"},
-        {"french", "txt", nullptr},
-    };
-    for (const auto& c : cases) {
-        CFStringRef name = Str(c.name), type = Str(c.type);
-        std::string path = TakePath(CFBundleCopyResourceURL(CFBundleGetMainBundle(), name, type, nullptr));
-        EXPECT_EQ(path, c.found ? bundle.Resources() + c.found : "<null>") << c.name;
-        Release({name, type});
-    }
 }
 
 // The text of key in table "custom", with value (else the key) as the fallback.
