@@ -3,7 +3,8 @@
  * under such a locale may not show anything else. */
 #include "backends/TerminalText.h"
 
-#include <cstdlib>
+#include "cf/CFInternal.h"
+
 #include <string>
 
 namespace plat {
@@ -65,15 +66,7 @@ const TerminalText* Find(const std::string& language) {
 } // namespace
 
 const TerminalText& CurrentTerminalText() {
-    std::string locale;
-    for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-        const char* value = getenv(variable);
-        if (value != nullptr && value[0] != '\0') {
-            locale = value;
-            break;
-        }
-    }
-    locale = locale.substr(0, locale.find_first_of(".@"));
+    std::string locale = CFInternalUserLocale();
     const TerminalText* text = Find(locale);
     if (text == nullptr) {
         text = Find(locale.substr(0, locale.find('_')));

@@ -113,6 +113,17 @@ static std::string ResourcesFolder(const __CFBundle* bundle) {
     return bundle->isApplication ? bundle->path + "/Contents/Resources" : bundle->path;
 }
 
+std::string CFInternalUserLocale() {
+    for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+        const char* value = getenv(variable);
+        if (value != nullptr && value[0] != '\0') {
+            std::string locale = value;
+            return locale.substr(0, locale.find_first_of(".@"));
+        }
+    }
+    return std::string();
+}
+
 /* The .lproj folder names to search, best first: the user's language (with its
  * region, then alone, then its old English name), then English. */
 static std::vector<std::string> LocalizationFolders() {
@@ -121,14 +132,7 @@ static std::vector<std::string> LocalizationFolders() {
         const char* name;
     } kOldNames[] = {{"en", "English"}, {"de", "German"},  {"fr", "French"}, {"ja", "Japanese"},
                      {"es", "Spanish"}, {"it", "Italian"}, {"nl", "Dutch"}};
-    std::string locale;
-    for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-        const char* value = getenv(variable);
-        if (value != nullptr && value[0] != '\0') {
-            locale = value;
-            break;
-        }
-    }
+    std::string locale = CFInternalUserLocale();
     std::vector<std::string> folders;
     auto add = [&folders](const std::string& name) {
         if (name.empty())
@@ -139,7 +143,6 @@ static std::vector<std::string> LocalizationFolders() {
         }
         folders.push_back(name + ".lproj");
     };
-    locale = locale.substr(0, locale.find_first_of(".@"));
     std::string language = locale.substr(0, locale.find('_'));
     if (language != "C" && language != "POSIX" && language.find('/') == std::string::npos) {
         if (locale != language)

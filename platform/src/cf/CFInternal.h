@@ -71,6 +71,10 @@ void CFInternalDecodeMacRoman(std::string_view bytes, std::u16string& out);
 /* ---- URLs ---- */
 /* A file URL for an absolute path (a relative one is taken from the working
  * directory). Directory URLs end in "/". */
+/* The user's locale as bundles read it (LC_ALL, LC_MESSAGES, LANG: the first set), without
+ * its encoding or modifier: "de_DE" for "de_DE.UTF-8"; empty when none is set. */
+std::string CFInternalUserLocale();
+
 CFURLRef CFInternalURLCreateWithPath(const std::string& path, bool isDirectory);
 /* The URL's file-system path, without a trailing "/" except for the root. */
 const std::string* CFInternalURLPath(CFURLRef url);
