@@ -1,6 +1,11 @@
 // Text encodings and localised strings. (The launcher's windows find its nib and picture.)
 #include "support.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
 using namespace ptest;
 
 namespace {
@@ -63,6 +68,15 @@ TEST(CFBundle, LocalizedStringsFollowTheLanguageThenEnglish) {
         EXPECT_EQ(texts, c.expected) << (c.all ? c.all : "-") << " " << (c.messages ? c.messages : "-") << " "
                                      << (c.lang ? c.lang : "-");
     }
+    // A pipe or a device in a table's place reads as no table, at once.
+    std::string pipe = bundle.Resources() + "/de.lproj/custom.strings";
+    std::remove(pipe.c_str());
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    std::string device = bundle.Resources() + "/English.lproj/custom.strings";
+    std::remove(device.c_str());
+    ASSERT_EQ(symlink("/dev/zero", device.c_str()), 0);
+    SetLocale(nullptr, nullptr, "de_DE.UTF-8");
+    EXPECT_EQ(Localized("A") + " " + Localized("D"), "German D");
     SetLocale(nullptr, nullptr, "en_US.UTF-8");
     EXPECT_EQ(Localized("INSTALL_DRIVER", "fallback"), "fallback");
 }

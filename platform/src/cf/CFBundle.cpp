@@ -201,18 +201,11 @@ CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, C
 }
 
 /* ---- Localised strings ---- */
+/* A string table is a few kilobytes; anything near this is not one. */
+static constexpr size_t kMaxTableBytes = 4u << 20;
+
 static bool ReadWholeFile(const std::string& path, std::string& bytes) {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr)
-        return false;
-    bytes.clear();
-    char chunk[8192];
-    size_t count;
-    while ((count = fread(chunk, 1, sizeof chunk, file)) > 0)
-        bytes.append(chunk, count);
-    bool ok = !ferror(file);
-    fclose(file);
-    return ok;
+    return CFInternalReadRegularFile(path, kMaxTableBytes, bytes);
 }
 
 CFStringRef CFBundleCopyLocalizedString(CFBundleRef bundle, CFStringRef key, CFStringRef value,

@@ -71,6 +71,10 @@ void CFInternalDecodeMacRoman(std::string_view bytes, std::u16string& out);
 /* ---- URLs ---- */
 /* A file URL for an absolute path (a relative one is taken from the working
  * directory). Directory URLs end in "/". */
+/* The whole of a regular file of at most limit bytes, opened without waiting (a pipe or a
+ * device reads as absent); false and no bytes otherwise. */
+bool CFInternalReadRegularFile(const std::string& path, size_t limit, std::string& bytes);
+
 /* The user's locale as bundles read it (LC_ALL, LC_MESSAGES, LANG: the first set), without
  * its encoding or modifier: "de_DE" for "de_DE.UTF-8"; empty when none is set. */
 std::string CFInternalUserLocale();

@@ -51,28 +51,12 @@ CGDataProviderRef CGDataProviderCreateWithURL(CFURLRef url) {
     const std::string* path = CFInternalURLPath(url);
     if (path == nullptr)
         return nullptr;
-    FILE* file = fopen(path->c_str(), "rb");
-    if (file == nullptr)
+    std::string bytes;
+    if (!CFInternalReadRegularFile(*path, kMaxProviderBytes, bytes))
         return nullptr;
     auto* provider = new CGDataProvider;
     CFInternalInit(&provider->base, &kProviderClass);
-    unsigned char chunk[65536];
-    size_t count;
-    bool ok = true;
-    while ((count = fread(chunk, 1, sizeof chunk, file)) > 0) {
-        if (provider->bytes.size() + count > kMaxProviderBytes) {
-            ok = false;
-            break;
-        }
-        provider->bytes.insert(provider->bytes.end(), chunk, chunk + count);
-    }
-    if (ferror(file)) /* a folder opens but does not read */
-        ok = false;
-    fclose(file);
-    if (!ok) {
-        CFRelease(provider);
-        return nullptr;
-    }
+    provider->bytes.assign(bytes.begin(), bytes.end());
     return provider;
 }
 

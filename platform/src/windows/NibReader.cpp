@@ -33,6 +33,7 @@
  * type or form, a control without bounds or outside its window, two controls
  * with the same ControlID other than {0, 0}, views nested deeper than
  * kMaxViewDepth. */
+#include "cf/CFInternal.h"
 #include "events/EventInternal.h"
 #include "windows/WindowInternal.h"
 
@@ -396,26 +397,9 @@ bool ReadArchive(NibRec& nib) {
     return !key && IndexObjects(root, nib.ids);
 }
 
-/* The whole file, if it is a regular file of a size a nib can have (opened
- * without waiting, so a pipe in its place cannot hold the caller up). */
+/* The whole file, if it is a regular file of a size a nib can have. */
 bool ReadFile(const std::string& path, std::string& bytes) {
-    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat info;
-    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaxNibBytes;
-    if (ok) {
-        bytes.assign(static_cast<size_t>(info.st_size), '\0');
-        size_t done = 0;
-        ssize_t count = 1;
-        while (done < bytes.size() && (count = read(fd, &bytes[done], bytes.size() - done)) > 0) {
-            done += static_cast<size_t>(count);
-        }
-        ok = done == bytes.size() && count >= 0;
-    }
-    close(fd);
-    return ok;
+    return CFInternalReadRegularFile(path, kMaxNibBytes, bytes);
 }
 
 std::string PathOf(CFURLRef url) {
