@@ -64,19 +64,9 @@ inline CFStringRef Str(const char* text) {
     return text ? CFStringCreateWithCString(nullptr, text, kCFStringEncodingUTF8) : nullptr;
 }
 inline void Release(std::initializer_list<CFTypeRef> objects) {
-    for (CFTypeRef object : objects) {
-        if (object) {
+    for (CFTypeRef object : objects)
+        if (object)
             CFRelease(object);
-        }
-    }
-}
-
-// The file-system path of a URL, which is released.
-inline std::string TakePath(CFURLRef url) {
-    UInt8 buffer[4096] = {};
-    bool ok = url && CFURLGetFileSystemRepresentation(url, true, buffer, sizeof buffer);
-    Release({url});
-    return ok ? reinterpret_cast<char*>(buffer) : "<null>";
 }
 
 using HandlerFn = std::function<OSStatus(EventHandlerCallRef, EventRef)>;
@@ -188,12 +178,10 @@ class UiTest : public ::testing::Test {
         ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
     }
     void TearDown() override {
-        for (EventHandlerRef h : handlers_) {
+        for (EventHandlerRef h : handlers_)
             RemoveEventHandler(h);
-        }
-        for (WindowRef w : windows_) {
+        for (WindowRef w : windows_)
             DisposeWindow(w);
-        }
         PlatDrainEvents();
         DisposeNibReference(nib_);
         PlatScriptReset();

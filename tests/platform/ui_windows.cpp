@@ -33,30 +33,12 @@ OSStatus CreateFrom(const std::string* nibText, WindowRef* window, const char* n
     return status;
 }
 
-// The user's language for the life of the object.
-class Language {
-  public:
-    explicit Language(const char* lang) {
-        for (const char* variable : {"LANG", "LC_ALL", "LC_MESSAGES"}) {
-            const char* value = getenv(variable);
-            saved_.push_back({variable, value ? value : "", value != nullptr});
-            unsetenv(variable);
-        }
-        setenv("LANG", lang, 1);
-    }
-    ~Language() {
-        for (const Saved& s : saved_)
-            s.set ? setenv(s.variable, s.value.c_str(), 1) : unsetenv(s.variable);
-    }
-
-  private:
-    struct Saved {
-        const char* variable;
-        std::string value;
-        bool set;
-    };
-    std::vector<Saved> saved_;
-};
+// The user's language (each test runs in a process of its own).
+void UseLanguage(const char* lang) {
+    unsetenv("LC_ALL");
+    unsetenv("LC_MESSAGES");
+    setenv("LANG", lang, 1);
+}
 
 const std::string kButton =
     R"(<object class="IBCarbonButton" id="12"><string name="bounds">60 100 80 190 </string>
@@ -102,28 +84,19 @@ TEST(Nibs, BadNibsGiveTheirErrorAndNoWindow) {
         {"a cut file", "</dictionary>", "", noFile, "W"},
         {"a binary file", "", binary, noFile, "W"},
         {"a well-formed file past the size limit", "", kGoodNib + std::string(3 << 20, ' '), noFile, "W"},
-        {"an archive of another kind", "NSIBObjectData", "NSArray", noFile, "W"},
         {"another framework", "IBCarbonFramework", "IBCocoaFramework", noFile, "W"},
-        {"a parent list shorter than the objects", R"(<array name="allParents"><reference idRef="1"/>)",
-         R"(<array name="allParents">)", noFile, "W"},
-        {"a name paired with a string", R"(<reference idRef="20"/>)", "<string>20</string>", noFile, "W"},
         {"a name nobody has", "", kGoodNib, noObject, "V"},
         {"a name for an object not in the file", R"(<string>W</string><reference idRef="10"/>)",
          R"(<string>W</string><reference idRef="99"/>)", noObject, "W"},
         {"a name for a menu", "", kGoodNib, notWindow, "Menu"},
         {"a windowRect of three numbers", "40 40 140 240 ", "40 40 140 ", notWindow, "W"},
-        {"a windowRect of five numbers", "40 40 140 240 ", "40 40 140 240 7", notWindow, "W"},
         {"a word in the windowRect", "40 40 140 240 ", "40 forty 140 240 ", notWindow, "W"},
         {"a windowRect beyond 16 bits", "40 40 140 240 ", "40 40 140 40000 ", notWindow, "W"},
         {"an empty window", "40 40 140 240 ", "40 40 40 240 ", notWindow, "W"},
-        {"a windowRect of another type", "<string name=\"windowRect\">40 40 140 240 </string>",
-         "<int name=\"windowRect\">40</int>", notWindow, "W"},
         {"no windowRect", "<string name=\"windowRect\">40 40 140 240 </string>", "", notWindow, "W"},
         {"a duplicate ControlID", ">MSG1<", ">YES1<", notWindow, "W"},
         {"a control past the right edge", "60 100 80 190 ", "60 100 80 201 ", notWindow, "W"},
-        {"a control above the top", "10 10 50 190 ", "-1 10 50 190 ", notWindow, "W"},
         {"a control without bounds", "<string name=\"bounds\">60 100 80 190 </string>", "", notWindow, "W"},
-        {"a three-letter signature", ">YES1<", ">YES<", notWindow, "W"},
         {"a ControlID beyond 32 bits", "<int name=\"controlID\">1</int></object>",
          "<int name=\"controlID\">4294967297</int></object>", notWindow, "W"},
         {"a boolean neither TRUE nor FALSE", "<object name=\"rootControl\"",
@@ -153,163 +126,57 @@ TEST(Nibs, BadNibsGiveTheirErrorAndNoWindow) {
 const char kBuilderNib[] = R"(<?xml version="1.0" standalone="yes"?>
 <object class="NSIBObjectData">
   <string name="targetFramework">IBCarbonFramework</string>
-  <object name="rootObject" class="NSCustomObject" id="1">
-    <string name="customClass">NSApplication</string>
-  </object>
+  <object name="rootObject" class="NSCustomObject" id="1"><string name="customClass">NSApplication</string></object>
   <array count="12" name="allObjects">
-    <object class="IBCarbonMenu" id="29">
-      <string name="title">main</string>
-      <array count="1" name="items">
-        <object class="IBCarbonMenuItem" id="185">
-          <string name="title">File</string>
-          <object name="submenu" class="IBCarbonMenu" id="184">
-            <string name="title">File</string>
-            <array count="2" name="items">
-              <object class="IBCarbonMenuItem" id="187">
-                <string name="title">Close</string>
-                <string name="keyEquivalent">w</string>
-                <ostype name="command">clos</ostype>
-              </object>
-              <object class="IBCarbonMenuItem" id="186">
-                <boolean name="separator">TRUE</boolean>
-              </object>
-            </array>
-          </object>
-        </object>
-      </array>
-      <string name="name">_NSMainMenu</string>
-    </object>
+    <object class="IBCarbonMenu" id="29"><string name="title">main</string><array count="1" name="items">
+      <object class="IBCarbonMenuItem" id="185"><string name="title">File</string>
+        <object name="submenu" class="IBCarbonMenu" id="184"><array count="2" name="items">
+          <object class="IBCarbonMenuItem" id="187"><string name="keyEquivalent">w</string><ostype name="command">clos</ostype></object>
+          <object class="IBCarbonMenuItem" id="186"><boolean name="separator">TRUE</boolean></object>
+        </array></object></object></array><string name="name">_NSMainMenu</string></object>
     <object class="IBCarbonWindow" id="166">
-      <string name="windowRect">84 380 284 780 </string>
-      <string name="title">Réglages &amp; plus</string>
+      <string name="windowRect">84 380 284 780 </string><string name="title">Réglages &amp; plus</string>
       <object name="rootControl" class="IBCarbonRootControl" id="167">
-        <string name="bounds">0 0 200 400 </string>
-        <string name="viewFrame">0 0 400 200 </string>
+        <string name="bounds">0 0 200 400 </string><string name="viewFrame">0 0 400 200 </string>
         <array count="3" name="subviews">
-          <object class="IBCarbonTab" id="188">
-            <string name="bounds">7 14 150 386 </string>
-            <string name="viewFrame">14 7 372 143 </string>
-            <array count="1" name="subviews">
-              <object class="IBCarbonUserPane" id="190">
-                <string name="bounds">44 14 150 386 </string>
-                <array count="3" name="subviews">
-                  <object class="IBCarbonStaticText" id="195">
-                    <string name="bounds">60 30 76 200 </string>
-                    <string name="viewFrame">16 16 170 16 </string>
-                    <ostype name="controlSignature">MSG1</ostype>
-                    <int name="controlID">1</int>
-                    <boolean name="small">TRUE</boolean>
-                    <int name="controlSize">1</int>
-                    <string name="title">Password:</string>
-                    <int name="justification">-1</int>
-                  </object>
-                  <object class="IBCarbonPopupButton" id="202">
-                    <string name="bounds">80 30 100 150 </string>
-                    <int name="selectedItem">1</int>
-                    <object name="menu" class="IBCarbonMenu" id="203">
-                      <string name="title">Popup:</string>
-                      <array count="1" name="items">
-                        <object class="IBCarbonMenuItem" id="206">
-                          <string name="title">Foo</string>
-                        </object>
-                      </array>
-                    </object>
-                  </object>
-                  <object class="IBCarbonProgressBar" id="222">
-                    <string name="bounds">110 30 130 300 </string>
-                    <object name="layoutInfo" class="IBCarbonHILayoutInfo">
-                      <int name="bindingLeftKind">1</int>
-                      <int name="bindingRightKind">2</int>
-                    </object>
-                    <boolean name="indeterminate">FALSE</boolean>
-                    <int name="initialValue">50</int>
-                  </object>
-                </array>
-                <ostype name="controlSignature">tabs</ostype>
-                <int name="controlID">129</int>
-              </object>
-            </array>
-            <ostype name="controlSignature">tabs</ostype>
-            <int name="controlID">128</int>
-            <array count="1" name="tabItems">
-              <dictionary count="2">
-                <string>tabName</string>
-                <string>Widgets</string>
-                <string>userPane</string>
-                <reference idRef="190"/>
-              </dictionary>
-            </array>
-          </object>
-          <object class="IBCarbonButton" id="191">
-            <string name="bounds">160 300 180 380 </string>
-            <ostype name="controlSignature">YES1</ostype>
-            <int name="controlID">1</int>
-            <string name="title">Quit</string>
-            <ostype name="command">quit</ostype>
-            <int name="buttonType">1</int>
-            <object name="layoutInfo" class="IBCarbonHILayoutInfo">
-              <int name="bindingBottomKind">2</int>
-            </object>
-          </object>
-          <object class="IBCarbonImageView" id="192">
-            <string name="bounds">160 14 192 46 </string>
-            <ostype name="controlSignature">copy</ostype>
-            <int name="controlID">1</int>
-            <string name="imageName">Installer.png</string>
-            <dictionary count="1" name="auxiliaryDictionary">
-              <string>tags</string>
-              <array count="1"><string>SIZ0</string></array>
-            </dictionary>
-          </object>
-        </array>
-      </object>
-      <boolean name="receiveUpdates">FALSE</boolean>
-      <boolean name="hasHorizontalZoom">FALSE</boolean>
-      <boolean name="liveResize">TRUE</boolean>
-      <int name="themeBrush">7</int>
+          <object class="IBCarbonTab" id="188"><string name="bounds">7 14 150 386 </string><array count="1" name="subviews">
+            <object class="IBCarbonUserPane" id="190"><string name="bounds">44 14 150 386 </string><array count="3" name="subviews">
+              <object class="IBCarbonStaticText" id="195"><string name="bounds">60 30 76 200 </string>
+                <ostype name="controlSignature">MSG1</ostype><int name="controlID">1</int>
+                <boolean name="small">TRUE</boolean><string name="title">Password:</string></object>
+              <object class="IBCarbonPopupButton" id="202"><string name="bounds">80 30 100 150 </string>
+                <object name="menu" class="IBCarbonMenu" id="203"><array count="1" name="items">
+                  <object class="IBCarbonMenuItem" id="206"><string name="title">Foo</string></object></array></object></object>
+              <object class="IBCarbonProgressBar" id="222"><string name="bounds">110 30 130 300 </string>
+                <object name="layoutInfo" class="IBCarbonHILayoutInfo"><int name="bindingLeftKind">1</int></object>
+                <boolean name="indeterminate">FALSE</boolean><int name="initialValue">50</int></object>
+            </array><ostype name="controlSignature">tabs</ostype><int name="controlID">129</int></object>
+          </array><ostype name="controlSignature">tabs</ostype><int name="controlID">128</int>
+            <array count="1" name="tabItems"><dictionary count="2"><string>tabName</string><string>Widgets</string>
+              <string>userPane</string><reference idRef="190"/></dictionary></array></object>
+          <object class="IBCarbonButton" id="191"><string name="bounds">160 300 180 380 </string>
+            <ostype name="controlSignature">YES1</ostype><int name="controlID">1</int><string name="title">Quit</string>
+            <ostype name="command">quit</ostype><int name="buttonType">1</int>
+            <object name="layoutInfo" class="IBCarbonHILayoutInfo"><int name="bindingBottomKind">2</int></object></object>
+          <object class="IBCarbonImageView" id="192"><string name="bounds">160 14 192 46 </string>
+            <ostype name="controlSignature">copy</ostype><int name="controlID">1</int><string name="imageName">Installer.png</string>
+            <dictionary count="1" name="auxiliaryDictionary"><string>tags</string><array count="1"><string>SIZ0</string></array></dictionary></object>
+        </array></object>
+      <boolean name="receiveUpdates">FALSE</boolean><boolean name="liveResize">TRUE</boolean><int name="themeBrush">7</int>
     </object>
-    <object class="IBCarbonWindow" id="300">
-      <string name="windowRect">255 367 326 599 </string>
-      <string name="title"></string>
-      <object name="rootControl" class="IBCarbonRootControl" id="301">
-        <string name="bounds">0 0 71 232 </string>
-      </object>
-      <int name="carbonWindowClass">11</int>
-    </object>
-    <reference idRef="167"/>
-    <reference idRef="184"/>
-    <reference idRef="185"/>
-    <reference idRef="186"/>
-    <reference idRef="187"/>
-    <reference idRef="188"/>
-    <reference idRef="190"/>
-    <reference idRef="191"/>
-    <reference idRef="192"/>
+    <object class="IBCarbonWindow" id="300"><string name="windowRect">255 367 326 599 </string><string name="title"></string>
+      <object name="rootControl" class="IBCarbonRootControl" id="301"><string name="bounds">0 0 71 232 </string></object>
+      <int name="carbonWindowClass">11</int></object>
+    <reference idRef="167"/><reference idRef="184"/><reference idRef="185"/><reference idRef="186"/><reference idRef="187"/>
+    <reference idRef="188"/><reference idRef="190"/><reference idRef="191"/><reference idRef="192"/>
   </array>
   <array count="12" name="allParents">
-    <reference idRef="1"/>
-    <reference idRef="1"/>
-    <reference idRef="1"/>
-    <reference idRef="166"/>
-    <reference idRef="29"/>
-    <reference idRef="185"/>
-    <reference idRef="184"/>
-    <reference idRef="184"/>
-    <reference idRef="167"/>
-    <reference idRef="188"/>
-    <reference idRef="167"/>
-    <reference idRef="167"/>
+    <reference idRef="1"/><reference idRef="1"/><reference idRef="1"/><reference idRef="166"/><reference idRef="29"/>
+    <reference idRef="185"/><reference idRef="184"/><reference idRef="184"/><reference idRef="167"/><reference idRef="188"/>
+    <reference idRef="167"/><reference idRef="167"/>
   </array>
-  <dictionary count="4" name="nameTable">
-    <string>Files Owner</string>
-    <reference idRef="1"/>
-    <string>MainWindow</string>
-    <reference idRef="166"/>
-    <string>MenuBar</string>
-    <reference idRef="29"/>
-    <string>Sheet</string>
-    <reference idRef="300"/>
-  </dictionary>
+  <dictionary count="4" name="nameTable"><string>Files Owner</string><reference idRef="1"/><string>MainWindow</string>
+    <reference idRef="166"/><string>MenuBar</string><reference idRef="29"/><string>Sheet</string><reference idRef="300"/></dictionary>
   <unsigned_int name="nextObjectID">302</unsigned_int>
 </object>
 )";
@@ -326,7 +193,7 @@ TEST(Nibs, BuilderNibIsReadAndShown) {
     EXPECT_EQ(info.height, 200);
     EXPECT_TRUE(info.hasCloseBox); // a document window's close box unless the nib turns it off
     // Built in nib order from every depth, frames from the window's top left; other views passed over.
-    struct Expected {
+    struct {
         PlatControlKind kind;
         PlatRect frame;
         OSType signature;
@@ -342,7 +209,7 @@ TEST(Nibs, BuilderNibIsReadAndShown) {
     for (size_t i = 0; i < std::size(expected); i++) {
         PlatControlInfo control;
         ASSERT_TRUE(PlatGetControlInfo(window, i, &control));
-        const Expected& e = expected[i];
+        const auto& e = expected[i];
         EXPECT_EQ(control.kind, e.kind) << i;
         EXPECT_EQ(std::tie(control.frame.x, control.frame.y, control.frame.width, control.frame.height),
                   std::tie(e.frame.x, e.frame.y, e.frame.width, e.frame.height))
@@ -381,7 +248,7 @@ TEST(Nibs, FoundThroughTheUsersLanguage) {
     bundle.Put("fr.lproj/custom.strings", "\"A\" = \"B\";\n");
     std::filesystem::create_directories(bundle.Resources() + "/it.lproj/main.nib");
     auto title = [](const char* lang) {
-        Language language(lang);
+        UseLanguage(lang);
         IBNibRef nib = nullptr;
         WindowRef window = nullptr;
         PlatWindowInfo info;
@@ -418,7 +285,7 @@ TEST(Nibs, BundleHasEveryLanguage) {
         std::vector<std::string> titles, buttons, texts;
     };
     auto read = [](const char* lang) {
-        Language language(lang);
+        UseLanguage(lang);
         Words words;
         IBNibRef nib = nullptr;
         EXPECT_EQ(CreateNibReference(CFSTR("main"), &nib), noErr) << lang;
@@ -495,8 +362,7 @@ TEST(Nibs, BundleHasEveryLanguage) {
     }
 }
 
-// A window as the nib describes it: hidden until shown, controls found by ID from the
-// window or its root view, static text set from a CFString the caller may release.
+// Hidden until shown, controls found by ID, static text from a CFString the caller may release.
 TEST_F(WindowsTest, WindowsAreBuiltAsDescribed) {
     WindowRef window = NewWindow("Box");
     EXPECT_FALSE(PlatScriptIsVisible("Box"));
@@ -509,22 +375,7 @@ TEST_F(WindowsTest, WindowsAreBuiltAsDescribed) {
     EXPECT_EQ(view, yes);
     ControlID elsewhere = {'OK  ', 7};
     ControlRef control = nullptr;
-    WindowRef other = NewWindow("Other");
     EXPECT_EQ(GetControlByID(window, &elsewhere, &control), errUnknownControl);
-
-    // The nib's button types mark the default and cancel buttons; the program may change
-    // them to controls of the window itself, and null clears.
-    ControlRef chosen = nullptr;
-    EXPECT_EQ(GetWindowDefaultButton(window, &chosen), noErr);
-    EXPECT_EQ(chosen, yes);
-    EXPECT_EQ(GetWindowCancelButton(window, &chosen), noErr);
-    EXPECT_EQ(chosen, Control(window, 'NO11', 1));
-    EXPECT_EQ(SetWindowCancelButton(window, Control(other, 'OK  ', 7)), errUnknownControl);
-    EXPECT_EQ(GetWindowCancelButton(window, &chosen), noErr);
-    EXPECT_EQ(chosen, Control(window, 'NO11', 1));
-    EXPECT_EQ(SetWindowDefaultButton(window, nullptr), noErr);
-    EXPECT_EQ(GetWindowDefaultButton(window, &chosen), noErr);
-    EXPECT_EQ(chosen, nullptr);
 
     ControlRef text = Control(window, 'MSG1', 1);
     CFStringRef string = Str("\xE2\x82\xAC 5");
@@ -532,7 +383,6 @@ TEST_F(WindowsTest, WindowsAreBuiltAsDescribed) {
         SetControlData(text, kControlEditTextPart, kControlStaticTextCFStringTag, sizeof string, &string),
         noErr);
     CFRelease(string);
-    EXPECT_EQ(SetControlData(text, 0, kControlStaticTextCFStringTag, 4, &string), errDataSizeMismatch);
     char buffer[64];
     ASSERT_TRUE(PlatScriptGetControlText("Box", 'MSG1', 1, buffer, sizeof buffer));
     EXPECT_STREQ(buffer, "\xE2\x82\xAC 5");
@@ -689,13 +539,10 @@ TEST_F(WindowsTest, TerminalDrawsWindowsAndTakesTypedAnswers) {
     EXPECT_GE(positions.size(), 4u) << pty.output;
 }
 
-// In the user's language: the terminal's own words, and captions with letters beyond
-// ASCII taken in any case, whole or by their first letter. A hang-up is the close box.
+// The terminal's own words in the user's language; captions beyond ASCII taken in any case.
 TEST_F(WindowsTest, TerminalSpeaksTheUsersLanguage) {
     Pty pty([this] {
-        setenv("LANG", "de_DE.UTF-8", 1);
-        unsetenv("LC_ALL");
-        unsetenv("LC_MESSAGES");
+        UseLanguage("de_DE.UTF-8");
         WindowRef box = NewWindow("Box");
         ControlRef yes = Control(box, 'YES1', 1), no = Control(box, 'NO11', 1);
         for (const auto& [control, caption] : {std::pair{yes, "Installieren"}, std::pair{no, "\xC3\x96"
@@ -710,7 +557,7 @@ TEST_F(WindowsTest, TerminalSpeaksTheUsersLanguage) {
         Install(GetApplicationEventTarget(), kHit, report);
         Install(GetApplicationEventTarget(), kClose, report);
         ShowWindow(box);
-        for (int answers = 0; answers < 3; answers++)
+        for (int answers = 0; answers < 2; answers++)
             RunApplicationEventLoop();
         printf("DONE\n");
         return 0;
@@ -729,13 +576,7 @@ TEST_F(WindowsTest, TerminalSpeaksTheUsersLanguage) {
     pty.Expect("HIT No");
     pty.Send("INSTALLIEREN\n");
     pty.Expect("HIT Yes");
-    close(pty.master);
-    pty.master = -1;
-    int status = -1;
-    for (int i = 0; i < 100 && waitpid(pty.pid, &status, WNOHANG) != pty.pid; i++)
-        usleep(50000);
-    pty.pid = -1;
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a hang-up ended the program: " << status;
+    pty.Expect("DONE");
 }
 
 } // namespace
