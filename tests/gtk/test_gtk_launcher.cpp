@@ -110,11 +110,6 @@ void ExpectDialog(unsigned long window, bool closeBox) {
     EXPECT_EQ(functions, kMotifMove | (closeBox ? kMotifClose : 0));
 }
 
-void Click(unsigned long window, int x, int y) {
-    Shell("xdotool mousemove --window " + std::to_string(window) + " " + std::to_string(x) + " " +
-          std::to_string(y) + " click 1");
-}
-
 // The close box as a window manager presses it: WM_DELETE_WINDOW.
 void PressCloseBox(unsigned long window) {
     Display* display = XOpenDisplay(nullptr);
@@ -386,7 +381,9 @@ TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
         ASSERT_NE(box, 0u) << Output();
         Frame no = NibFrame("MessageBox_Installed", "NO11");
         if (answer == "pointer")
-            Click(box, no.x + no.width / 2, no.y + no.height / 2);
+            Shell("xdotool mousemove --window " + std::to_string(box) + " " +
+                  std::to_string(no.x + no.width / 2) + " " + std::to_string(no.y + no.height / 2) +
+                  " click 1");
         else
             PressKeys(box, answer);
 
@@ -508,12 +505,10 @@ TEST_F(LauncherWindowTest, RunsWithoutAWindowNeverLoadGtk) {
     // Nor the window module with the nib and picture readers' libraries; libm neither, but
     // for a launcher on the shared C++ runtime (sanitizer builds), which brings it along.
     std::vector<std::string> absent = {"libgtk-3", "PlatformGtk", "PlatformWindows", "libpugixml", "libpng"};
-    if (loaded.find("libstdc++.so") == std::string::npos) {
+    if (loaded.find("libstdc++.so") == std::string::npos)
         absent.push_back("libm.so");
-    }
-    for (const std::string& library : absent) {
+    for (const std::string& library : absent)
         EXPECT_EQ(loaded.find(library), std::string::npos) << library << " was loaded: " << loaded;
-    }
 }
 
 // An Xvfb of its own; its display name, or empty when it did not start.

@@ -28,9 +28,8 @@ OSStatus SendHit(ControlRef control) {
         noErr) {
         return -1;
     }
-    if (control != nullptr) {
+    if (control != nullptr)
         SetEventParameter(event, kEventParamDirectObject, typeControlRef, sizeof control, &control);
-    }
     OSStatus status = SendEventToEventTarget(event, GetApplicationEventTarget());
     ReleaseEvent(event);
     return status;
@@ -191,9 +190,8 @@ TEST_F(Install, BoxWithoutWindowStartsTheApplication) {
              {nullptr, "WarningBoxR7", WarningBoxR7}}) {
         const std::string nibFile = bundle_ + "/Contents/Resources/en.lproj/main.nib/objects.xib";
         fs::remove(nibFile);
-        if (nib != nullptr) {
+        if (nib != nullptr)
             WriteFile(nibFile, nib);
-        }
         g_msgBoxRef = nullptr;
         show();
         EXPECT_EQ(nullptr, g_msgBoxRef) << function;
@@ -223,9 +221,8 @@ TEST_F(Install, ProgressCloseBeforeTheModalLoop) {
     std::thread([] { SendCommandProcessEvent('clos'); }).join();
     testing::internal::CaptureStdout();
     ShowProgressWindow();
-    if (IsValidWindowPtr(g_ProgressWindowRef)) {
+    if (IsValidWindowPtr(g_ProgressWindowRef))
         RunAppModalLoopForWindow(g_ProgressWindowRef);
-    }
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_FALSE(PlatScriptIsVisible("ProgressWindow"));
     EXPECT_NE(std::string::npos, out.find("ProgressWindowHandler: event handled!")) << out;
