@@ -247,25 +247,3 @@ TEST_F(EndToEnd, QuestionBox) {
         EXPECT_EQ(answer == kHangUp, FindMessage(run.log, "Close messageBox window") >= 0);
     }
 }
-
-// open -a starts a bundle's program without waiting for it, and refuses what it cannot start.
-TEST(OpenCommand, StartsDetachedOrExplains) {
-    TempDir temp;
-    const std::string app = temp / "Some App.app", begun = temp / "begun", ended = temp / "ended";
-    WriteFile(app + "/Contents/Info.plist",
-              "<plist><dict><key>CFBundleExecutable</key><string>run</string></dict></plist>\n");
-    WriteFile(app + "/Contents/MacOS/run",
-              "#!/bin/sh\ntouch '" + begun + "'\nsleep 2\ntouch '" + ended + "'\n", true);
-    for (const auto& [arguments, message] : std::vector<std::pair<std::string, std::string>>{
-             {"-a '" + app + "'", ""},
-             {"-a '" + temp.path + "/missing.app'", "no such application"},
-             {"-a '" + begun + "'", "neither an application bundle nor an executable"},
-             {"'" + app + "'", "usage: open -a APPLICATION"}}) {
-        std::string command =
-            KESTRUN_BUILD_DIR "/bin/open " + arguments + " </dev/null 2>'" + temp.path + "/errors'";
-        EXPECT_EQ(message.empty() ? 0 : 1, WEXITSTATUS(system(command.c_str()))) << arguments;
-        std::string errors = ReadFile(temp / "errors");
-        EXPECT_TRUE(message.empty() ? errors.empty() : errors.find(message) != std::string::npos) << errors;
-        EXPECT_TRUE(!message.empty() || (WaitForFile(begun) && !fs::exists(ended))); // back while it runs
-    }
-}
