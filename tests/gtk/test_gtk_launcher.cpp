@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,23 +18,19 @@
 #include <fstream>
 #include <functional>
 #include <algorithm>
-#include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/TempDir.h"
+#include "launcher/support.h"
 
 #include <X11/Xlib.h> // after GoogleTest: its macros (None, Bool) clash with it
 
 namespace {
 
-using namespace kestrun_test;
+using namespace launcher_test;
 using Clock = std::chrono::steady_clock;
 
-const std::string kLogFile = "/var/tmp/Kestrun.log";
-const std::string kStagedPackage = "/tmp/qv_tmp_vantorel.mpkg";
 const std::string kBoxTitle = "Vantorel Installer";
 const std::string kProgressTitle = "Installing Vantorel";
 constexpr int kWindowWaitMs = 30000;
@@ -94,19 +89,9 @@ std::string Property(unsigned long window, const std::string& name) {
     return Shell("xprop -id " + std::to_string(window) + " " + name);
 }
 
-// What the window lets a window manager offer: the functions of its Motif hints.
-enum { kMotifResize = 2, kMotifMove = 4, kMotifMinimise = 8, kMotifMaximise = 16, kMotifClose = 32 };
-long MotifFunctions(unsigned long window) {
-    long flags = 0, functions = -1;
-    std::string hints = Property(window, "_MOTIF_WM_HINTS");
-    size_t at = hints.find(" = ");
-    if (at == std::string::npos || sscanf(hints.c_str() + at, " = %li, %li", &flags, &functions) != 2 ||
-        !(flags & 1))
-        return -1;
-    return functions;
-}
-
-// A box as a Mac dialog: of the dialog type, of one size, offering only to move and close.
+// A box as a Mac dialog: of the dialog type, of one size, offering (by its Motif hints) only to
+// move and close.
+enum { kMotifMove = 4, kMotifClose = 32 };
 void ExpectDialog(unsigned long window, bool closeBox) {
     EXPECT_NE(Property(window, "_NET_WM_WINDOW_TYPE").find("_NET_WM_WINDOW_TYPE_DIALOG"), std::string::npos);
     std::string hints = Property(window, "WM_NORMAL_HINTS");
@@ -116,12 +101,13 @@ void ExpectDialog(unsigned long window, bool closeBox) {
     sscanf(hints.c_str() + min, "minimum size: %d by %d", &minW, &minH);
     sscanf(hints.c_str() + max, "maximum size: %d by %d", &maxW, &maxH);
     EXPECT_TRUE(minW == maxW && minH == maxH) << "resizable: " << hints;
-    EXPECT_EQ(MotifFunctions(window), kMotifMove | (closeBox ? kMotifClose : 0));
-}
-
-void Click(unsigned long window, int x, int y) {
-    Shell("xdotool mousemove --window " + std::to_string(window) + " " + std::to_string(x) + " " +
-          std::to_string(y) + " click 1");
+    long flags = 0, functions = -1;
+    std::string motif = Property(window, "_MOTIF_WM_HINTS");
+    size_t at = motif.find(" = ");
+    ASSERT_TRUE(at != std::string::npos && sscanf(motif.c_str() + at, " = %li, %li", &flags, &functions) == 2)
+        << motif;
+    EXPECT_TRUE(flags & 1) << motif;
+    EXPECT_EQ(functions, kMotifMove | (closeBox ? kMotifClose : 0));
 }
 
 // The close box as a window manager presses it: WM_DELETE_WINDOW.
@@ -189,6 +175,10 @@ Frame NibFrame(const std::string& window, const std::string& signature = "") {
                              : Frame{left, top, right - left, bottom - top};
 }
 
+bool Ink(const unsigned char* p) {
+    return p[0] < 110 && p[1] < 110 && p[2] < 110;
+}
+
 // Pixels inside the frame for which matches(rgb) holds.
 int Count(const Picture& picture, Frame frame, const std::function<bool(const unsigned char*)>& matches) {
     int count = 0;
@@ -199,13 +189,8 @@ int Count(const Picture& picture, Frame frame, const std::function<bool(const un
 }
 
 /* ---- The launcher run from temporary disc folders ---- */
-std::string SysConfig(int vr, int major, const std::string& appPath = "") {
-    std::ostringstream text;
-    text << "[System]\nVRVersion=" << vr << "\nBuildVersion=1\nDebugVersion=0\nSPVersion=0\n"
-         << "CustomizeVersion=0\nMajorVersion=" << major << "\n";
-    if (!appPath.empty())
-        text << "[APP_PATH]\nVALUE=" << appPath << "\nRUN_PROCESS_DLG=yes\n";
-    return text.str();
+std::string Config(int vr, int major, const std::string& appPath = "") {
+    return SysConfig(vr, 1, 0, 0, 0, major, appPath, appPath.empty() ? "no" : "yes");
 }
 
 class LauncherWindowTest : public testing::Test {
@@ -220,7 +205,7 @@ class LauncherWindowTest : public testing::Test {
         WriteFile(bundle + "/Contents/AutoSetup", "#!/bin/sh\nexit 0\n", true);
         // The installer script installs the staged package's record as the application.
         WriteFile(bundle + "/Contents/run_local_kestrun",
-                  "#!/bin/sh\nmkdir -p '" + app + "' && cp " + kStagedPackage +
+                  "#!/bin/sh\nmkdir -p '" + app + "' && cp " + kStaged +
                       "/Contents/Resources/SysConfig.dat '" + app + "/SysConfig.dat'\n",
                   true);
         // An "open" that records how it was asked to start the application.
@@ -244,9 +229,9 @@ class LauncherWindowTest : public testing::Test {
     // The package on the disc and, when vr > 0, an installed copy.
     void Versions(int packageVr, int installedVr) {
         WriteFile(bundle + "/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat",
-                  SysConfig(packageVr, 2, app));
+                  Config(packageVr, 2, app));
         if (installedVr > 0)
-            WriteFile(app + "/SysConfig.dat", SysConfig(installedVr, 2));
+            WriteFile(app + "/SysConfig.dat", Config(installedVr, 2));
     }
 
     // Starts the launcher from the disc with standard input from /dev/null.
@@ -304,40 +289,31 @@ class LauncherWindowTest : public testing::Test {
         return picture;
     }
 
-    // A real picture of the nib window: its size, the logo in its image view, the
+    // A real picture of the nib window: its size, the logo's colours in its image view, the
     // message's ink in its static text.
     static void ExpectDrawn(const Picture& shot, const std::string& window, const std::string& logoView,
                             const std::string& textView) {
         Frame size = NibFrame(window);
         EXPECT_EQ(shot.width, size.width);
         EXPECT_EQ(shot.height, size.height);
-        // The logo's most frequent colour that is neither grey nor transparent.
         Picture logo;
         ASSERT_TRUE(ReadPng(KESTRUN_SOURCE_DIR "/resources/Installer.png", &logo));
-        std::map<std::vector<int>, int> histogram;
-        for (size_t i = 0; i < logo.rgba.size(); i += 4) {
-            int r = logo.rgba[i], g = logo.rgba[i + 1], b = logo.rgba[i + 2];
-            if (logo.rgba[i + 3] == 255 && (std::abs(r - g) >= 16 || std::abs(g - b) >= 16))
-                ++histogram[{r, g, b}];
-        }
-        ASSERT_FALSE(histogram.empty());
-        auto top = std::max_element(histogram.begin(), histogram.end(),
-                                    [](const auto& a, const auto& b) { return a.second < b.second; });
-        const std::vector<int>& colour = top->first;
-        int inLogo = Count(shot, NibFrame(window, logoView), [&](const unsigned char* p) {
-            return std::abs(p[0] - colour[0]) <= 8 && std::abs(p[1] - colour[1]) <= 8 &&
-                   std::abs(p[2] - colour[2]) <= 8;
-        });
-        EXPECT_GE(inLogo, top->second * 8 / 10) << window << ": the logo is missing from its image view";
-        int ink = Count(shot, NibFrame(window, textView),
-                        [](const unsigned char* p) { return p[0] < 110 && p[1] < 110 && p[2] < 110; });
-        EXPECT_GT(ink, 30) << window << ": the message text is missing";
+        auto coloured = [](const unsigned char* p) {
+            return std::abs(p[0] - p[1]) >= 16 || std::abs(p[1] - p[2]) >= 16;
+        };
+        int inLogo = Count(logo, {0, 0, logo.width, logo.height},
+                           [&](const unsigned char* p) { return p[3] == 255 && coloured(p); });
+        ASSERT_GT(inLogo, 0);
+        EXPECT_GE(Count(shot, NibFrame(window, logoView), coloured), inLogo * 8 / 10)
+            << window << ": the logo is missing from its image view";
+        EXPECT_GT(Count(shot, NibFrame(window, textView), Ink), 30)
+            << window << ": the message text is missing";
     }
 
     TempDir dir_;
     std::string root = dir_.path, bundle, app;
     pid_t launcher = -1;
-    FixedPathGuard guards[3]{FixedPathGuard(kLogFile), FixedPathGuard(kStagedPackage),
+    FixedPathGuard guards[3]{FixedPathGuard(kLogFile), FixedPathGuard(kStaged),
                              FixedPathGuard("/tmp/AutoSetup")};
 };
 
@@ -389,7 +365,7 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
                 "copy mpkg to local end ....", "Now we show send the close order to showProcess",
                 "RunAppModalLoopForWindow exit.....",
                 "Run Script,path: \"" + bundle + "/Contents/run_local_kestrun\""}));
-    EXPECT_EQ(ReadFile(app + "/SysConfig.dat"), SysConfig(5, 2, app)) << "the package was not installed";
+    EXPECT_EQ(ReadFile(app + "/SysConfig.dat"), Config(5, 2, app)) << "the package was not installed";
     EXPECT_EQ(OpenLog(), "") << "Yes on a disc hands over to the installer script";
 }
 
@@ -405,7 +381,9 @@ TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
         ASSERT_NE(box, 0u) << Output();
         Frame no = NibFrame("MessageBox_Installed", "NO11");
         if (answer == "pointer")
-            Click(box, no.x + no.width / 2, no.y + no.height / 2);
+            Shell("xdotool mousemove --window " + std::to_string(box) + " " +
+                  std::to_string(no.x + no.width / 2) + " " + std::to_string(no.y + no.height / 2) +
+                  " click 1");
         else
             PressKeys(box, answer);
 
@@ -465,9 +443,7 @@ TEST_F(LauncherWindowTest, LongMessageGrowsTheBox) {
     // The rows the box grew by, between the message's frame and the buttons, hold text.
     int grown = shot.height - size.height;
     Frame added{message.x, message.y + message.height, message.width, grown};
-    EXPECT_GT(
-        Count(shot, added, [](const unsigned char* p) { return p[0] < 110 && p[1] < 110 && p[2] < 110; }),
-        30);
+    EXPECT_GT(Count(shot, added, Ink), 30);
     Frame yes = NibFrame("MessageBox_Installed", "YES1");
     yes.y += grown;
     EXPECT_GT(BluePixels(shot, yes), yes.width * yes.height / 2) << "Yes did not move down with the text";
@@ -506,8 +482,7 @@ TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {
         if (progressUp) {
             EXPECT_TRUE(LogHas({"copy mpkg to local end ....", "RunAppModalLoopForWindow exit.....",
                                 "Run Script,path: \"" + bundle + "/Contents/run_local_kestrun\""}));
-            EXPECT_EQ(ReadFile(app + "/SysConfig.dat"), SysConfig(5, 2, app))
-                << "the package was not installed";
+            EXPECT_EQ(ReadFile(app + "/SysConfig.dat"), Config(5, 2, app)) << "the package was not installed";
         } else {
             EXPECT_EQ(OpenLog(), "-a " + app + "\n");
             EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
@@ -520,8 +495,8 @@ TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {
 TEST_F(LauncherWindowTest, RunsWithoutAWindowNeverLoadGtk) {
     app = root + "/Vantorel.cfg";
     WriteFile(bundle + "/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat",
-              SysConfig(5, 0, app));
-    WriteFile(app, SysConfig(5, 0));
+              Config(5, 0, app));
+    WriteFile(app, Config(5, 0));
     Start(true);
     EXPECT_EQ(Finish(), 0) << Output();
     EXPECT_EQ(OpenLog(), "-a " + app + "\n");
@@ -530,12 +505,10 @@ TEST_F(LauncherWindowTest, RunsWithoutAWindowNeverLoadGtk) {
     // Nor the window module with the nib and picture readers' libraries; libm neither, but
     // for a launcher on the shared C++ runtime (sanitizer builds), which brings it along.
     std::vector<std::string> absent = {"libgtk-3", "PlatformGtk", "PlatformWindows", "libpugixml", "libpng"};
-    if (loaded.find("libstdc++.so") == std::string::npos) {
+    if (loaded.find("libstdc++.so") == std::string::npos)
         absent.push_back("libm.so");
-    }
-    for (const std::string& library : absent) {
+    for (const std::string& library : absent)
         EXPECT_EQ(loaded.find(library), std::string::npos) << library << " was loaded: " << loaded;
-    }
 }
 
 // An Xvfb of its own; its display name, or empty when it did not start.

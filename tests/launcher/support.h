@@ -46,9 +46,8 @@ inline std::string SysConfig(int vr, int build, int debug, int sp, int customize
     std::ostringstream text;
     text << "[System]\nVRVersion=" << vr << "\nBuildVersion=" << build << "\nDebugVersion=" << debug
          << "\nSPVersion=" << sp << "\nCustomizeVersion=" << customize << "\nMajorVersion=" << major << "\n";
-    if (!appPath.empty()) {
+    if (!appPath.empty())
         text << "[APP_PATH]\nVALUE=" << appPath << "\nRUN_PROCESS_DLG=" << showProgress << "\n";
-    }
     return text.str();
 }
 
@@ -68,9 +67,8 @@ struct NamedProcess {
         }
     }
     ~NamedProcess() {
-        if (pid > 0 && kill(pid, SIGKILL) == 0) {
+        if (pid > 0 && kill(pid, SIGKILL) == 0)
             waitpid(pid, nullptr, 0);
-        }
     }
     pid_t pid = -1;
 };
@@ -137,9 +135,8 @@ class InProcess : public ::testing::Test {
     // How often the completion event has been signalled since the last take.
     static int TakeSignals() {
         int signals = 0;
-        while (signals < 10 && Wait(0)) {
+        while (signals < 10 && Wait(0))
             ++signals;
-        }
         return signals;
     }
 

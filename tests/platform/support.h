@@ -64,19 +64,9 @@ inline CFStringRef Str(const char* text) {
     return text ? CFStringCreateWithCString(nullptr, text, kCFStringEncodingUTF8) : nullptr;
 }
 inline void Release(std::initializer_list<CFTypeRef> objects) {
-    for (CFTypeRef object : objects) {
-        if (object) {
+    for (CFTypeRef object : objects)
+        if (object)
             CFRelease(object);
-        }
-    }
-}
-
-// The file-system path of a URL, which is released.
-inline std::string TakePath(CFURLRef url) {
-    UInt8 buffer[4096] = {};
-    bool ok = url && CFURLGetFileSystemRepresentation(url, true, buffer, sizeof buffer);
-    Release({url});
-    return ok ? reinterpret_cast<char*>(buffer) : "<null>";
 }
 
 using HandlerFn = std::function<OSStatus(EventHandlerCallRef, EventRef)>;
@@ -132,49 +122,42 @@ inline std::string NibArchive(const std::string& objects,
 }
 inline const char kNibPath[] = "en.lproj/main.nib/objects.xib";
 
+// Pieces of a nib: a titled window of views, a view with its bounds ("top left bottom right"),
+// signature and ID, and a title.
+inline std::string NibWindow(int id, const char* rect, const char* title, const std::string& views,
+                             const std::string& more = "") {
+    return "<object class=\"IBCarbonWindow\" id=\"" + std::to_string(id) + "\"><string name=\"windowRect\">" +
+           rect + " </string><string name=\"title\">" + title +
+           "</string><object name=\"rootControl\" class=\"IBCarbonRootControl\"><array name=\"subviews\">" +
+           views + "</array></object>" + more + "</object>\n";
+}
+inline std::string NibView(const char* kind, const char* bounds, const char* signature, int id,
+                           const std::string& more) {
+    return std::string("<object class=\"IBCarbon") + kind + "\"><string name=\"bounds\">" + bounds +
+           " </string><ostype name=\"controlSignature\">" + signature + "</ostype><int name=\"controlID\">" +
+           std::to_string(id) + "</int>" + more + "</object>\n";
+}
+inline std::string NibTitle(const char* title) {
+    return std::string("<string name=\"title\">") + title + "</string>";
+}
+
 // The nib most window tests build from.
-inline const std::string kTestNib = NibArchive(R"(
-<object class="IBCarbonWindow" id="10">
-  <string name="windowRect">100 100 250 500 </string>
-  <string name="title">Question</string>
-  <object name="rootControl" class="IBCarbonRootControl" id="11"><array name="subviews">
-    <object class="IBCarbonStaticText" id="12"><string name="bounds">10 10 70 390 </string>
-      <ostype name="controlSignature">MSG1</ostype><int name="controlID">1</int>
-      <string name="title">Install the new version?</string></object>
-    <object class="IBCarbonButton" id="13"><string name="bounds">110 200 138 280 </string>
-      <ostype name="controlSignature">NO11</ostype><int name="controlID">1</int>
-      <string name="title">No</string><int name="buttonType">2</int></object>
-    <object class="IBCarbonButton" id="14"><string name="bounds">110 300 138 380 </string>
-      <ostype name="controlSignature">YES1</ostype><int name="controlID">1</int>
-      <string name="title">Yes</string><int name="buttonType">1</int></object>
-  </array></object>
-</object>
-<object class="IBCarbonWindow" id="20">
-  <string name="windowRect">50 50 150 350 </string>
-  <string name="title">Second</string>
-  <object name="rootControl" class="IBCarbonRootControl" id="21"><array name="subviews">
-    <object class="IBCarbonButton" id="22"><string name="bounds">0 0 0 0 </string>
-      <ostype name="controlSignature">OK  </ostype><int name="controlID">7</int><string name="title">OK</string></object>
-  </array></object>
-</object>
-<object class="IBCarbonWindow" id="30">
-  <string name="windowRect">50 50 150 350 </string>
-  <string name="title">Copying</string>
-  <object name="rootControl" class="IBCarbonRootControl" id="31"><array name="subviews">
-    <object class="IBCarbonImageView" id="32"><string name="bounds">10 10 74 74 </string>
-      <ostype name="controlSignature">copy</ostype><int name="controlID">1</int>
-      <string name="imageName">Installer.png</string></object>
-    <object class="IBCarbonStaticText" id="33"><string name="bounds">10 80 30 280 </string>
-      <ostype name="controlSignature">TXT1</ostype><int name="controlID">1</int>
-      <string name="title">Copying files</string></object>
-    <object class="IBCarbonProgressBar" id="34"><string name="bounds">40 80 56 280 </string>
-      <ostype name="controlSignature">prog</ostype><int name="controlID">1</int>
-      <boolean name="indeterminate">TRUE</boolean></object>
-  </array></object>
-  <int name="carbonWindowClass">4</int>
-</object>
-)",
-                                               {{"Box", 10}, {"Other", 20}, {"Progress", 30}});
+inline const std::string kTestNib = NibArchive(
+    NibWindow(10, "100 100 250 500", "Question",
+              NibView("StaticText", "10 10 70 390", "MSG1", 1, NibTitle("Install the new version?")) +
+                  NibView("Button", "110 200 138 280", "NO11", 1,
+                          NibTitle("No") + "<int name=\"buttonType\">2</int>") +
+                  NibView("Button", "110 300 138 380", "YES1", 1,
+                          NibTitle("Yes") + "<int name=\"buttonType\">1</int>")) +
+        NibWindow(20, "50 50 150 350", "Second", NibView("Button", "0 0 0 0", "OK  ", 7, NibTitle("OK"))) +
+        NibWindow(30, "50 50 150 350", "Copying",
+                  NibView("ImageView", "10 10 74 74", "copy", 1,
+                          "<string name=\"imageName\">Installer.png</string>") +
+                      NibView("StaticText", "10 80 30 280", "TXT1", 1, NibTitle("Copying files")) +
+                      NibView("ProgressBar", "40 80 56 280", "prog", 1,
+                              "<boolean name=\"indeterminate\">TRUE</boolean>"),
+                  "<int name=\"carbonWindowClass\">4</int>"),
+    {{"Box", 10}, {"Other", 20}, {"Progress", 30}});
 
 // The scripted backend, a bundle holding kTestNib and the real picture, and cleanup
 // of the windows and handlers a test made.
@@ -188,12 +171,10 @@ class UiTest : public ::testing::Test {
         ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
     }
     void TearDown() override {
-        for (EventHandlerRef h : handlers_) {
+        for (EventHandlerRef h : handlers_)
             RemoveEventHandler(h);
-        }
-        for (WindowRef w : windows_) {
+        for (WindowRef w : windows_)
             DisposeWindow(w);
-        }
         PlatDrainEvents();
         DisposeNibReference(nib_);
         PlatScriptReset();

@@ -49,9 +49,8 @@ inline std::vector<LogLine> ReadLog(const std::string& path) {
 inline Lines Calls(const std::vector<LogLine>& log, const std::string& tag = "") {
     Lines calls;
     for (const LogLine& line : log) {
-        if (tag.empty() || line.tag == tag) {
+        if (tag.empty() || line.tag == tag)
             calls.push_back(line.Call());
-        }
     }
     return calls;
 }
@@ -59,9 +58,8 @@ inline Lines Calls(const std::vector<LogLine>& log, const std::string& tag = "")
 // Index of the first line with this message at or after from; -1 when there is none.
 inline int FindMessage(const std::vector<LogLine>& log, const std::string& message, int from = 0) {
     for (int i = from < 0 ? log.size() : from; i < static_cast<int>(log.size()); ++i) {
-        if (log[i].message == message) {
+        if (log[i].message == message)
             return i;
-        }
     }
     return -1;
 }

@@ -33,9 +33,8 @@ struct TempDir {
 inline void WriteFile(const std::string& path, const std::string& text, bool executable = false) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-    if (executable) {
+    if (executable)
         chmod(path.c_str(), 0755);
-    }
 }
 
 inline std::string ReadFile(const std::string& path) {
@@ -54,9 +53,8 @@ struct FixedPathGuard {
     ~FixedPathGuard() {
         std::error_code ignored;
         fs::remove_all(path, ignored);
-        if (moved) {
+        if (moved)
             rename(aside.c_str(), path.c_str());
-        }
     }
     std::string path, aside;
     bool moved;
