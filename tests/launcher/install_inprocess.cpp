@@ -174,28 +174,6 @@ TEST_F(Install, BoxIgnoresOtherHits) {
     EXPECT_EQ(0, PlatScriptShowCount("MessageBox_Installed"));
 }
 
-// Nobody can answer a box without a window: it acts as its close box at once, leaving no
-// window for the entry point to wait on.
-TEST_F(Install, BoxWithoutWindowStartsTheApplication) {
-    for (const auto& [nib, function, show] : std::vector<std::tuple<const char*, const char*, Show>>{
-             {"<object class=\"NSIBObjectData\"/>\n", "MessageBox",
-              [] { MessageBox("NEW_VERSION_CONFIRM"); }},
-             {nullptr, "WarningBoxR7", WarningBoxR7}}) {
-        const std::string nibFile = bundle_ + "/Contents/Resources/en.lproj/main.nib/objects.xib";
-        fs::remove(nibFile);
-        if (nib != nullptr)
-            WriteFile(nibFile, nib);
-        g_msgBoxRef = nullptr;
-        show();
-        EXPECT_EQ(nullptr, g_msgBoxRef) << function;
-        EXPECT_EQ(Lines{kOpenApp}, TakeCommands()) << function;
-        std::vector<LogLine> log = TakeLog();
-        int failed = FindMessage(log, "CreateWindowFromNib failed");
-        ASSERT_GE(failed, 0) << function;
-        EXPECT_EQ(function, log[failed].function);
-    }
-}
-
 // Sent on the main thread, a command is handled at once; a close that arrives twice, or a
 // command of another kind, touches no dead window.
 TEST_F(Install, ProgressWindowClosesOnce) {

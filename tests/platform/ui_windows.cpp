@@ -1,20 +1,12 @@
-// Windows from nibs, and the backends for no display: none, and the terminal through a pseudo-terminal.
+// Windows from nibs: the Carbon errors, the nibs Interface Builder writes, and the languages.
 #include "support.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
-
 #include <iterator>
-#include <regex>
-#include <set>
 #include <tuple>
 
 using namespace ptest;
 
 namespace {
-
-class WindowsTest : public UiTest {};
 
 // The window name from a nib of the given text (none: no nib at all), in a bundle of its own.
 OSStatus CreateFrom(const std::string* nibText, WindowRef* window, const char* name = "W") {
@@ -344,173 +336,6 @@ TEST(Nibs, BundleHasEveryLanguage) {
                                                 "Installieren"}));
         }
     }
-}
-
-// Views found from the root by ID; a broken picture leaves the image view empty.
-TEST_F(WindowsTest, WindowsAreBuiltAsDescribed) {
-    WindowRef window = NewWindow("Box");
-    HIViewRef view = nullptr;
-    EXPECT_EQ(HIViewFindByID(HIViewGetRoot(window), HIViewID{'YES1', 1}, &view), noErr);
-    EXPECT_EQ(view, Control(window, 'YES1', 1));
-    PlatControlInfo image;
-    bundle_.Put("Installer.png", "not a picture");
-    ASSERT_TRUE(PlatGetControlInfo(NewWindow("Progress"), 0, &image));
-    EXPECT_EQ(image.rgba, nullptr);
-}
-
-// In a child: no display, and the backend chosen afresh for the first window.
-void BecomeChild() {
-    alarm(20);
-    unsetenv("DISPLAY");
-    unsetenv("WAYLAND_DISPLAY");
-    PlatSetBackend(nullptr);
-    setvbuf(stdout, nullptr, _IONBF, 0);
-}
-
-// Neither a display that works nor a terminal: no window can be made, so nobody waits
-// for an answer that cannot come.
-TEST_F(WindowsTest, NoneBackendWithoutDisplayOrTerminal) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        BecomeChild();
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        setenv("DISPLAY", ":4242", 1); // no server there
-        WindowRef window = nullptr;
-        bool refused = CreateWindowFromNib(nib_, CFSTR("Box"), &window) != noErr && window == nullptr;
-        _exit(refused && strcmp(PlatGetBackendName(), "none") == 0 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
-
-// A child running fn on a pseudo-terminal, and what it wrote there.
-struct Pty {
-    explicit Pty(const std::function<int()>& fn) {
-        struct winsize size = {24, 80, 0, 0};
-        if ((pid = forkpty(&master, nullptr, nullptr, &size)) == 0) {
-            BecomeChild();
-            _exit(fn());
-        }
-    }
-    ~Pty() {
-        if (pid > 0 && kill(pid, SIGKILL) == 0)
-            waitpid(pid, nullptr, 0);
-        close(master);
-    }
-    // Reads until the output holds text, after what earlier calls consumed.
-    void Expect(const std::string& text) {
-        size_t at;
-        while ((at = output.find(text, consumed)) == std::string::npos) {
-            struct pollfd p = {master, POLLIN, 0};
-            char buffer[4096];
-            ssize_t n = poll(&p, 1, 5000) > 0 ? read(master, buffer, sizeof buffer) : 0;
-            if (n <= 0) {
-                ADD_FAILURE() << "expected \"" << text << "\" in:\n" << output.substr(consumed);
-                return;
-            }
-            output.append(buffer, static_cast<size_t>(n));
-        }
-        consumed = at + text.size();
-    }
-    void Send(const std::string& text) {
-        EXPECT_EQ(write(master, text.data(), text.size()), ssize_t(text.size()));
-    }
-
-    pid_t pid = -1;
-    int master = -1;
-    std::string output;
-    size_t consumed = 0;
-};
-
-// Prints which button a hit pressed, or that the close box was used, and ends the loop.
-OSStatus ReportAnswer(EventRef event, ControlRef yes, ControlRef no) {
-    ControlRef hit = nullptr;
-    GetEventParameter(event, kEventParamDirectObject, typeControlRef, nullptr, sizeof hit, nullptr, &hit);
-    bool close = GetEventClass(event) == kEventClassWindow;
-    printf("%s\n", close ? "CLOSED" : hit == yes ? "HIT Yes" : hit == no ? "HIT No" : "HIT other");
-    QuitApplicationEventLoop();
-    return noErr;
-}
-
-// The window drawn as text in the user's language; a typed caption (any case, beyond ASCII
-// too) or its first letter presses its button, Return alone the default and Escape the cancel
-// button; anything else asks again; end of input is the close box; a progress indicator is a
-// line that moves while its window is up.
-TEST_F(WindowsTest, TerminalDrawsWindowsAndTakesTypedAnswers) {
-    Pty pty([this] {
-        UseLanguage("de_DE.UTF-8");
-        WindowRef box = NewWindow("Box"), other = NewWindow("Other"), progress = NewWindow("Progress");
-        ControlRef yes = Control(box, 'YES1', 1), no = Control(box, 'NO11', 1);
-        for (const auto& [control, caption] : {std::pair{yes, "Installieren"}, std::pair{no, "\xC3\x96"
-                                                                                             "ffnen"}}) {
-            CFStringRef text = Str(caption);
-            SetControlData(control, 0, kControlStaticTextCFStringTag, sizeof text, &text);
-            CFRelease(text);
-        }
-        SetWindowDefaultButton(box, yes);
-        SetWindowCancelButton(box, no);
-        auto report = [yes, no](EventHandlerCallRef, EventRef event) { return ReportAnswer(event, yes, no); };
-        Install(GetApplicationEventTarget(), kHit, report);
-        Install(GetApplicationEventTarget(), kClose, report);
-        Install(GetApplicationEventTarget(), kCommand,
-                [progress](EventHandlerCallRef, EventRef) { return QuitAppModalLoopForWindow(progress); });
-        ShowWindow(box);
-        for (int answers = 0; answers < 4; answers++)
-            RunApplicationEventLoop();
-        DisposeWindow(box);
-        ShowWindow(other);
-        RunApplicationEventLoop();
-        DisposeWindow(other);
-        ShowWindow(progress);
-        std::thread worker = After(700, [] { SendCommand('clos'); });
-        OSStatus status = RunAppModalLoopForWindow(progress);
-        worker.join();
-        printf("DONE %d with %s\n", static_cast<int>(status), PlatGetBackendName());
-        return 0;
-    });
-    const std::string prompt = "Geben Sie den Namen einer Schaltfl\xC3\xA4"
-                               "che oder ihren Anfangsbuchstaben ein: ";
-    pty.Expect("=== Question ===");
-    pty.Expect("Install the new version?");
-    pty.Expect("[ \xC3\x96"
-               "ffnen ]  [ Installieren ]");
-    pty.Expect("Eingabetaste: Installieren; Esc: \xC3\x96"
-               "ffnen; Strg-D: schlie\xC3\x9F"
-               "en\r\n" +
-               prompt);
-    pty.Send("ja\n");
-    pty.Expect("\xE2\x80\x9E"
-               "ja\xE2\x80\x9C ist keine der m\xC3\xB6glichen Antworten (\xC3\x96"
-               "ffnen, Installieren).");
-    pty.Expect(prompt);
-    pty.Send("   \n");
-    pty.Expect(prompt);
-    pty.Send("\xC3\xB6\n");
-    pty.Expect("HIT No");
-    pty.Send("\x1b");
-    pty.Expect("HIT No");
-    pty.Send("  INSTALLIEREN \n");
-    pty.Expect("HIT Yes");
-    pty.Send("\n");
-    pty.Expect("HIT Yes");
-    pty.Expect("=== Second ===");
-    size_t second = pty.consumed;
-    pty.Send("\x1b\n"); // no cancel button, no default button: neither key answers
-    pty.Expect("Strg-D: schlie\xC3\x9F"
-               "en\r\n" +
-               prompt);
-    pty.Send("\x04");
-    pty.Expect("CLOSED");
-    EXPECT_EQ(pty.output.find("HIT", second), std::string::npos) << pty.output.substr(second);
-    pty.Expect("=== Copying ===");
-    pty.Expect("DONE 0 with terminal");
-
-    std::set<size_t> positions; // where the block "======" stands in each frame of the progress line
-    std::regex bar("\\[( *)======");
-    for (std::sregex_iterator m(pty.output.begin(), pty.output.end(), bar), end; m != end; ++m)
-        positions.insert(static_cast<size_t>((*m)[1].length()));
-    EXPECT_GE(positions.size(), 4u) << pty.output;
 }
 
 } // namespace
