@@ -5,22 +5,10 @@
 #include <png.h>
 #include <pugixml.hpp>
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <algorithm>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "launcher/support.h"
 
@@ -29,7 +17,6 @@
 namespace {
 
 using namespace launcher_test;
-using Clock = std::chrono::steady_clock;
 
 const std::string kBoxTitle = "Vantorel Installer";
 const std::string kGermanBoxTitle = "Vantorel-Installationsprogramm";
@@ -38,14 +25,6 @@ constexpr int kWindowWaitMs = 30000;
 
 void Sleep(int ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
-
-// Polls every 20 ms until done() or the time limit; the last answer.
-bool Within(int ms, const std::function<bool()>& done) {
-    for (auto end = Clock::now() + std::chrono::milliseconds(ms); Clock::now() < end; Sleep(20))
-        if (done())
-            return true;
-    return done();
 }
 
 // A shell command's standard output; *status its exit status.
@@ -74,10 +53,6 @@ unsigned long WaitForWindow(const std::string& title) {
     unsigned long window = 0;
     Within(kWindowWaitMs, [&] { return (window = FindWindow(title)) != 0; });
     return window;
-}
-
-bool WaitForNoWindow(const std::string& title) {
-    return Within(kWindowWaitMs, [&] { return FindWindow(title) == 0; });
 }
 
 // Keys typed into the window, as xdotool names them ("Tab Tab Return", "ctrl+period").
@@ -220,12 +195,7 @@ class LauncherWindowTest : public testing::Test {
                   true);
     }
 
-    void TearDown() override {
-        if (launcher > 0) {
-            kill(-launcher, SIGKILL);
-            waitpid(launcher, nullptr, 0);
-        }
-    }
+    void TearDown() override { FinishLauncher(launcher, 0); }
 
     // The package on the disc and, when vr > 0, an installed copy.
     void Versions(int packageVr, int installedVr) {
@@ -298,7 +268,7 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     EXPECT_GT(BluePixels(boxShot, yes), yes.width * yes.height / 2) << "Yes is not drawn as the default";
     EXPECT_EQ(BluePixels(boxShot, NibFrame("MessageBox_Installed", "NO11")), 0);
     PressKeys(box, "Tab Tab Return");
-    EXPECT_TRUE(WaitForNoWindow(kBoxTitle));
+    EXPECT_TRUE(Within(kWindowWaitMs, [&] { return FindWindow(kBoxTitle) == 0; }));
 
     unsigned long progress = WaitForWindow(kProgressTitle);
     ASSERT_NE(progress, 0u) << Output();
@@ -310,7 +280,8 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     EXPECT_NE(FindWindow(kProgressTitle), 0u) << "the progress window has no close box";
     EXPECT_FALSE(LogHas({"copy mpkg to local end ...."}));
     WriteFile(root + "/release-copy", "");
-    EXPECT_TRUE(WaitForNoWindow(kProgressTitle)) << "\"clos\" must close the progress window";
+    EXPECT_TRUE(Within(kWindowWaitMs, [&] { return FindWindow(kProgressTitle) == 0; }))
+        << "\"clos\" must close the progress window";
 
     EXPECT_EQ(Finish(), 0) << Output();
     EXPECT_TRUE(

@@ -13,12 +13,6 @@ using namespace launcher_test;
 
 namespace {
 
-bool WaitForFile(const std::string& path) {
-    for (int i = 0; i < 100 && !fs::exists(path); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return fs::exists(path);
-}
-
 // The answer that closes the terminal instead of typing.
 const std::string kHangUp = "(hang up)";
 
@@ -149,7 +143,7 @@ TEST_F(EndToEnd, Decisions) {
         lines.resize(outcome == "INSTALL" ? std::min(lines.size(), expected.size()) : lines.size());
         EXPECT_EQ(expected, lines);
         EXPECT_EQ(opened, ReadFile(opened_)); // an empty application path is opened as it is
-        EXPECT_TRUE(outcome != "LAUNCH" || WaitForFile(started_));
+        EXPECT_TRUE(outcome != "LAUNCH" || Within(5000, [&] { return fs::exists(started_); }));
         EXPECT_EQ(outcome == "STOP", fs::exists(kStaged + "/Contents")); // STOP leaves it alone
     }
 }
@@ -225,7 +219,7 @@ TEST_F(EndToEnd, QuestionBox) {
             << run.output;
         EXPECT_EQ(installs, FindMessage(run.log, "AutoInstallPkg Enter") >= 0) << run.output;
         EXPECT_EQ(installs, fs::exists(report_));
-        EXPECT_TRUE(installs || WaitForFile(started_)) << run.output;
+        EXPECT_TRUE(installs || Within(5000, [&] { return fs::exists(started_); })) << run.output;
         EXPECT_EQ(answer == kHangUp || answer == "\x04",
                   FindMessage(run.log, "Close messageBox window") >= 0);
     }

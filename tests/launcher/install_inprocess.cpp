@@ -43,18 +43,6 @@ using Show = void (*)();
 
 } // namespace
 
-// Without a bundle the old copy is still removed; no Installer, no start, one signal.
-TEST_F(Install, WithoutABundleNothingIsInstalled) {
-    PlatSetExecutablePath((dir_ / "loose/Launcher").c_str());
-    AutoRunInstallPkg(false);
-    EXPECT_EQ(Lines{kRemoval}, TakeCommands());
-    EXPECT_EQ(1, TakeSignals());
-    EXPECT_EQ("AutoRunInstallPkg --- Get Module Path error.", TakeLog().back().Call());
-    AutoInstallPkg(false);
-    EXPECT_EQ(Lines(), TakeCommands());
-    EXPECT_EQ(1, TakeSignals());
-}
-
 // Away from "/Volumes" (case counts) the Installer of the running system is used.
 TEST_F(Install, OthersPathRunsTheInstallerOfTheSystem) {
     std::string bundle = UseBundle("volumes/Disc/Launcher.app");

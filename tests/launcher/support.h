@@ -103,19 +103,26 @@ inline pid_t StartLauncher(const std::string& bundle, const std::string& bin, co
     return child;
 }
 
+// Polls every 20 ms until done() or the time limit; the last answer.
+inline bool Within(int ms, const std::function<bool()>& done) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+        if (done())
+            return true;
+    }
+    return done();
+}
+
 // The launcher's exit status once it ended by itself, or -1 (and it is killed) after the limit.
 inline int FinishLauncher(pid_t child, int seconds) {
     int status = 0;
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (child > 0 && waitpid(child, &status, WNOHANG) != child) {
-        if (std::chrono::steady_clock::now() > end) {
-            kill(-child, SIGKILL);
-            waitpid(child, nullptr, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return child <= 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (child <= 0)
+        return -1;
+    if (Within(seconds * 1000, [&] { return waitpid(child, &status, WNOHANG) == child; }))
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    kill(-child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    return -1;
 }
 
 // In-process tests: the command lines given to system since the last take (nothing is run).

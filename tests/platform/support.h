@@ -9,16 +9,12 @@
 #include "support/TempDir.h"
 
 #include <pthread.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <list>
 #include <string>
@@ -44,12 +40,6 @@ class TempBundle {
   private:
     kestrun_test::TempDir root_;
     std::string path_ = root_ / "Disc One/Launcher.app";
-};
-
-// Ends the test process if a wait or loop does not end by itself.
-struct Watchdog {
-    explicit Watchdog(unsigned seconds = 20) { alarm(seconds); }
-    ~Watchdog() { alarm(0); }
 };
 
 inline std::string UTF8(CFStringRef string) {
@@ -151,6 +141,7 @@ inline const std::string kTestNib = NibArchive(NibWindow(10, "100 100 250 500", 
 class UiTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        alarm(20); // a wait or loop that does not end by itself ends the test process
         bundle_.Put(kNibPath, kTestNib);
         PlatSetBackend("scripted");
         ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
@@ -163,6 +154,7 @@ class UiTest : public ::testing::Test {
         PlatDrainEvents();
         DisposeNibReference(nib_);
         PlatScriptReset();
+        alarm(0);
     }
 
     WindowRef NewWindow(const char* name) {
@@ -186,7 +178,6 @@ class UiTest : public ::testing::Test {
         return ref;
     }
 
-    Watchdog watchdog_;
     TempBundle bundle_;
     IBNibRef nib_ = nullptr;
     std::vector<WindowRef> windows_;
