@@ -95,10 +95,8 @@ TEST(FormatS, FloatingConversionsMatchThePlatform) {
 TEST(FormatS, WideConversionsFollowTheLocale) {
     const std::string saved = setlocale(LC_CTYPE, nullptr);
     setlocale(LC_CTYPE, "C");
-    EXPECT_FORMAT("abc|abc|abc|abc|  abc|ab", "%ls|%S|%ws|%hS|%5ls|%.2ls", L"abc", L"abc", L"abc", "abc",
-                  L"abc", L"abc");
-    EXPECT_FORMAT("(null)|x|x|x|x", "%ls|%lc|%C|%wc|%hC", static_cast<const wchar_t*>(nullptr), L'x', L'x',
-                  L'x', 'x');
+    EXPECT_FORMAT("abc|abc|  abc|ab|(null)|x|x", "%ls|%hS|%5S|%.2ws|%ls|%lc|%hC", L"abc", "abc", L"abc",
+                  L"abc", static_cast<const wchar_t*>(nullptr), L'x', 'x');
     // A character that does not convert prints nothing, padding included, and the call goes
     // on; a text that does not convert fails the call, unless the precision stops before it.
     EXPECT_FORMAT("|5", "%5lc|%d", 0xE9, 5);

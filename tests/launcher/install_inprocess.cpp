@@ -43,18 +43,6 @@ using Show = void (*)();
 
 } // namespace
 
-// Without a bundle the old copy is still removed; no Installer, no start, one signal.
-TEST_F(Install, WithoutABundleNothingIsInstalled) {
-    PlatSetExecutablePath((dir_ / "loose/Launcher").c_str());
-    AutoRunInstallPkg(false);
-    EXPECT_EQ(Lines{kRemoval}, TakeCommands());
-    EXPECT_EQ(1, TakeSignals());
-    EXPECT_EQ("AutoRunInstallPkg --- Get Module Path error.", TakeLog().back().Call());
-    AutoInstallPkg(false);
-    EXPECT_EQ(Lines(), TakeCommands());
-    EXPECT_EQ(1, TakeSignals());
-}
-
 // Away from "/Volumes" (case counts) the Installer of the running system is used.
 TEST_F(Install, OthersPathRunsTheInstallerOfTheSystem) {
     std::string bundle = UseBundle("volumes/Disc/Launcher.app");
@@ -172,28 +160,6 @@ TEST_F(Install, BoxIgnoresOtherHits) {
     MessageBoxR7(nullptr);
     EXPECT_EQ(1, PlatScriptShowCount("MessageBox"));
     EXPECT_EQ(0, PlatScriptShowCount("MessageBox_Installed"));
-}
-
-// Nobody can answer a box without a window: it acts as its close box at once, leaving no
-// window for the entry point to wait on.
-TEST_F(Install, BoxWithoutWindowStartsTheApplication) {
-    for (const auto& [nib, function, show] : std::vector<std::tuple<const char*, const char*, Show>>{
-             {"<object class=\"NSIBObjectData\"/>\n", "MessageBox",
-              [] { MessageBox("NEW_VERSION_CONFIRM"); }},
-             {nullptr, "WarningBoxR7", WarningBoxR7}}) {
-        const std::string nibFile = bundle_ + "/Contents/Resources/en.lproj/main.nib/objects.xib";
-        fs::remove(nibFile);
-        if (nib != nullptr)
-            WriteFile(nibFile, nib);
-        g_msgBoxRef = nullptr;
-        show();
-        EXPECT_EQ(nullptr, g_msgBoxRef) << function;
-        EXPECT_EQ(Lines{kOpenApp}, TakeCommands()) << function;
-        std::vector<LogLine> log = TakeLog();
-        int failed = FindMessage(log, "CreateWindowFromNib failed");
-        ASSERT_GE(failed, 0) << function;
-        EXPECT_EQ(function, log[failed].function);
-    }
 }
 
 // Sent on the main thread, a command is handled at once; a close that arrives twice, or a

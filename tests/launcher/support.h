@@ -3,6 +3,8 @@
 #ifndef TESTS_LAUNCHER_SUPPORT_H
 #define TESTS_LAUNCHER_SUPPORT_H
 
+#include <fcntl.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -11,6 +13,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -72,6 +75,55 @@ struct NamedProcess {
     }
     pid_t pid = -1;
 };
+
+// The bundle's launcher in a process group of its own, PATH led by bin, the environment
+// changed by setup; its input /dev/null and its output into the file output, or on a new
+// terminal whose other end *terminal receives.
+inline pid_t StartLauncher(const std::string& bundle, const std::string& bin, const std::string& output,
+                           int* terminal = nullptr, const std::function<void()>& setup = nullptr) {
+    struct winsize size = {30, 100, 0, 0};
+    pid_t child = terminal ? forkpty(terminal, nullptr, nullptr, &size) : fork();
+    if (child == 0) {
+        if (!terminal) {
+            setpgid(0, 0);
+            int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(open("/dev/null", O_RDONLY), 0);
+            dup2(out, 1);
+            dup2(out, 2);
+        }
+        setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+        if (setup)
+            setup();
+        const std::string program = bundle + "/Contents/MacOS/Launcher";
+        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (child > 0 && !terminal)
+        setpgid(child, child);
+    return child;
+}
+
+// Polls every 20 ms until done() or the time limit; the last answer.
+inline bool Within(int ms, const std::function<bool()>& done) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+        if (done())
+            return true;
+    }
+    return done();
+}
+
+// The launcher's exit status once it ended by itself, or -1 (and it is killed) after the limit.
+inline int FinishLauncher(pid_t child, int seconds) {
+    int status = 0;
+    if (child <= 0)
+        return -1;
+    if (Within(seconds * 1000, [&] { return waitpid(child, &status, WNOHANG) == child; }))
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    kill(-child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    return -1;
+}
 
 // In-process tests: the command lines given to system since the last take (nothing is run).
 Lines TakeCommands();

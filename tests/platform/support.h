@@ -9,16 +9,12 @@
 #include "support/TempDir.h"
 
 #include <pthread.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <list>
 #include <string>
@@ -46,12 +42,6 @@ class TempBundle {
     std::string path_ = root_ / "Disc One/Launcher.app";
 };
 
-// Ends the test process if a wait or loop does not end by itself.
-struct Watchdog {
-    explicit Watchdog(unsigned seconds = 20) { alarm(seconds); }
-    ~Watchdog() { alarm(0); }
-};
-
 inline std::string UTF8(CFStringRef string) {
     std::string buffer(string ? static_cast<size_t>(CFStringGetLength(string)) * 4 + 1 : 1, '\0');
     bool ok =
@@ -70,7 +60,6 @@ inline void Release(std::initializer_list<CFTypeRef> objects) {
 }
 
 using HandlerFn = std::function<OSStatus(EventHandlerCallRef, EventRef)>;
-inline const EventTypeSpec kHit = {kEventClassControl, kEventControlHit};
 inline const EventTypeSpec kClose = {kEventClassWindow, kEventWindowClose};
 inline const EventTypeSpec kCommand = {kEventClassCommand, kEventCommandProcess};
 
@@ -141,32 +130,19 @@ inline std::string NibTitle(const char* title) {
     return std::string("<string name=\"title\">") + title + "</string>";
 }
 
-// The nib most window tests build from.
-inline const std::string kTestNib = NibArchive(
-    NibWindow(10, "100 100 250 500", "Question",
-              NibView("StaticText", "10 10 70 390", "MSG1", 1, NibTitle("Install the new version?")) +
-                  NibView("Button", "110 200 138 280", "NO11", 1,
-                          NibTitle("No") + "<int name=\"buttonType\">2</int>") +
-                  NibView("Button", "110 300 138 380", "YES1", 1,
-                          NibTitle("Yes") + "<int name=\"buttonType\">1</int>")) +
-        NibWindow(20, "50 50 150 350", "Second", NibView("Button", "0 0 0 0", "OK  ", 7, NibTitle("OK"))) +
-        NibWindow(30, "50 50 150 350", "Copying",
-                  NibView("ImageView", "10 10 74 74", "copy", 1,
-                          "<string name=\"imageName\">Installer.png</string>") +
-                      NibView("StaticText", "10 80 30 280", "TXT1", 1, NibTitle("Copying files")) +
-                      NibView("ProgressBar", "40 80 56 280", "prog", 1,
-                              "<boolean name=\"indeterminate\">TRUE</boolean>"),
-                  "<int name=\"carbonWindowClass\">4</int>"),
-    {{"Box", 10}, {"Other", 20}, {"Progress", 30}});
+// The nib the event and loop tests build from: three empty windows.
+inline const std::string kTestNib = NibArchive(NibWindow(10, "100 100 250 500", "Question", "") +
+                                                   NibWindow(20, "50 50 150 350", "Second", "") +
+                                                   NibWindow(30, "50 50 150 350", "Copying", ""),
+                                               {{"Box", 10}, {"Other", 20}, {"Progress", 30}});
 
-// The scripted backend, a bundle holding kTestNib and the real picture, and cleanup
+// The scripted backend, a bundle holding kTestNib, and cleanup
 // of the windows and handlers a test made.
 class UiTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        alarm(20); // a wait or loop that does not end by itself ends the test process
         bundle_.Put(kNibPath, kTestNib);
-        std::filesystem::copy_file(KESTRUN_SOURCE_DIR "/resources/Installer.png",
-                                   bundle_.Resources() + "/Installer.png");
         PlatSetBackend("scripted");
         ASSERT_EQ(CreateNibReference(CFSTR("main"), &nib_), noErr);
     }
@@ -178,6 +154,7 @@ class UiTest : public ::testing::Test {
         PlatDrainEvents();
         DisposeNibReference(nib_);
         PlatScriptReset();
+        alarm(0);
     }
 
     WindowRef NewWindow(const char* name) {
@@ -187,13 +164,6 @@ class UiTest : public ::testing::Test {
         CFRelease(cfName);
         windows_.push_back(window);
         return window;
-    }
-
-    ControlRef Control(WindowRef window, OSType signature, SInt32 id) {
-        ControlID cid = {signature, id};
-        ControlRef control = nullptr;
-        EXPECT_EQ(GetControlByID(window, &cid, &control), noErr);
-        return control;
     }
 
     // Installs fn for one event type; removed again at the end of the test.
@@ -208,7 +178,6 @@ class UiTest : public ::testing::Test {
         return ref;
     }
 
-    Watchdog watchdog_;
     TempBundle bundle_;
     IBNibRef nib_ = nullptr;
     std::vector<WindowRef> windows_;
