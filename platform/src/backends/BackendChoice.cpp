@@ -2,6 +2,7 @@
  * the one a test forced; else under a display the gtk module, loaded only then;
  * else the terminal when standard input is one; else none. */
 #include "backends/BackendInternal.h"
+#include "cf/CFInternal.h"
 
 #include <PlatformTesting.h>
 
@@ -31,42 +32,13 @@ bool IsSet(const char* variable) {
     return value != nullptr && value[0] != '\0';
 }
 
-std::string MainBundlePath() {
-    CFBundleRef bundle = CFBundleGetMainBundle();
-    CFURLRef url = bundle != nullptr ? CFBundleCopyBundleURL(bundle) : nullptr;
-    if (url == nullptr) {
-        return std::string();
-    }
-    char path[PATH_MAX];
-    bool ok = CFURLGetFileSystemRepresentation(url, true, reinterpret_cast<UInt8*>(path), sizeof path);
-    CFRelease(url);
-    return ok ? std::string(path) : std::string();
-}
-
 /* The gtk module's backend, or null when there is no module or GTK cannot start.
  * A module once loaded stays loaded: GTK cannot be unloaded. */
 const PlatBackendOps* LoadGtkModule() {
-    std::string inBundle = MainBundlePath();
-    if (!inBundle.empty()) {
-        inBundle += "/Contents/PlugIns/" PLAT_GTK_MODULE_NAME;
-    }
-    for (const std::string& path : {inBundle, std::string(PLAT_GTK_MODULE_FALLBACK)}) {
-        if (path.empty()) {
-            continue;
-        }
-        void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (module == nullptr) {
-            continue;
-        }
-        auto entry = reinterpret_cast<PlatBackendEntry>(dlsym(module, PLAT_GTK_MODULE_ENTRY));
-        if (entry == nullptr) {
-            dlclose(module);
-            continue;
-        }
-        /* GTK that cannot start here will not start from another copy either. */
-        return entry();
-    }
-    return nullptr;
+    std::string error;
+    auto entry = reinterpret_cast<PlatBackendEntry>(
+        CFInternalOpenPlugIn(PLAT_GTK_MODULE_NAME, PLAT_GTK_MODULE_FALLBACK, PLAT_GTK_MODULE_ENTRY, &error));
+    return entry != nullptr ? entry() : nullptr;
 }
 
 const PlatBackendOps* Automatic() {

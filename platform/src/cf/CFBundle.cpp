@@ -2,6 +2,8 @@
  * localised string tables. */
 #include "cf/CFInternal.h"
 
+#include <dlfcn.h>
+
 #include <PlatformTesting.h>
 
 #include <algorithm>
@@ -106,6 +108,32 @@ CFURLRef CFBundleCopyBundleURL(CFBundleRef bundle) {
 CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle) {
     const __CFBundle* object = AsBundle(bundle);
     return object == nullptr ? nullptr : CFInternalURLCreateWithPath(object->executable, false);
+}
+
+/* ---- Plug-ins ---- */
+void* CFInternalOpenPlugIn(const char* fileName, const char* fallbackPath, const char* entryName,
+                           std::string* error) {
+    std::string inBundle;
+    if (const __CFBundle* bundle = AsBundle(CFBundleGetMainBundle())) {
+        inBundle = bundle->path + "/Contents/PlugIns/" + fileName;
+    }
+    for (const std::string& path : {inBundle, std::string(fallbackPath)}) {
+        if (path.empty()) {
+            continue;
+        }
+        void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (module == nullptr) {
+            const char* reason = dlerror();
+            *error = reason != nullptr ? reason : path;
+            continue;
+        }
+        if (void* entry = dlsym(module, entryName)) {
+            return entry;
+        }
+        dlclose(module);
+        *error = path + ": no " + entryName;
+    }
+    return nullptr;
 }
 
 /* ---- Languages ---- */

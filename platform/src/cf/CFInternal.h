@@ -75,6 +75,12 @@ void CFInternalDecodeMacRoman(std::string_view bytes, std::u16string& out);
  * device reads as absent); false and no bytes otherwise. */
 bool CFInternalReadRegularFile(const std::string& path, size_t limit, std::string& bytes);
 
+/* The entry point of a plug-in of the main bundle: <bundle>/Contents/PlugIns/<fileName>
+ * opened with dlopen, else the copy at fallbackPath; null when neither opens or has the
+ * entry (error then says why). A plug-in once opened stays open. */
+void* CFInternalOpenPlugIn(const char* fileName, const char* fallbackPath, const char* entryName,
+                           std::string* error);
+
 /* The user's locale as bundles read it (LC_ALL, LC_MESSAGES, LANG: the first set), without
  * its encoding or modifier: "de_DE" for "de_DE.UTF-8"; empty when none is set. */
 std::string CFInternalUserLocale();

@@ -5,6 +5,7 @@
 #include "windows/WindowModule.h"
 
 #include "backends/BackendInternal.h"
+#include "cf/CFInternal.h"
 
 #include <PlatformTesting.h>
 
@@ -22,18 +23,6 @@ namespace {
 /* Set once the module is open; calls on objects only the module makes need no loading. */
 std::atomic<const PlatWindowModule*> gModule{nullptr};
 
-std::string PlugInPath() {
-    CFBundleRef bundle = CFBundleGetMainBundle();
-    CFURLRef url = bundle != nullptr ? CFBundleCopyBundleURL(bundle) : nullptr;
-    if (url == nullptr) {
-        return std::string();
-    }
-    char path[PATH_MAX];
-    bool ok = CFURLGetFileSystemRepresentation(url, true, reinterpret_cast<UInt8*>(path), sizeof path);
-    CFRelease(url);
-    return ok ? std::string(path) + "/Contents/PlugIns/" PLAT_WINDOW_MODULE_NAME : std::string();
-}
-
 /* The bundle's module, else the build tree's; null (and one line on standard error)
  * when neither opens. The module stays open: the objects it made live on. */
 const PlatWindowModule* Open() {
@@ -41,23 +30,10 @@ const PlatWindowModule* Open() {
         return PlatWindowModuleEntry();
     }
     std::string error;
-    for (const std::string& path : {PlugInPath(), std::string(PLAT_WINDOW_MODULE_FALLBACK)}) {
-        if (path.empty()) {
-            continue;
-        }
-        void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (module == nullptr) {
-            const char* reason = dlerror();
-            error = reason != nullptr ? reason : path;
-            continue;
-        }
-        auto entry =
-            reinterpret_cast<const PlatWindowModule* (*)(void)>(dlsym(module, PLAT_WINDOW_MODULE_ENTRY));
-        if (entry != nullptr) {
-            return entry();
-        }
-        dlclose(module);
-        error = path + ": no " PLAT_WINDOW_MODULE_ENTRY;
+    auto entry = reinterpret_cast<const PlatWindowModule* (*)(void)>(CFInternalOpenPlugIn(
+        PLAT_WINDOW_MODULE_NAME, PLAT_WINDOW_MODULE_FALLBACK, PLAT_WINDOW_MODULE_ENTRY, &error));
+    if (entry != nullptr) {
+        return entry();
     }
     fprintf(stderr, "The window module cannot be loaded: %s\n", error.c_str());
     return nullptr;
