@@ -145,7 +145,6 @@ void DisposeNibReference(IBNibRef inNibRef);
 OSStatus CreateWindowFromNib(IBNibRef inNibRef, CFStringRef inName, WindowRef* outWindow);
 
 void ShowWindow(WindowRef window);
-void HideWindow(WindowRef window);
 void DisposeWindow(WindowRef window);
 Boolean IsValidWindowPtr(WindowRef possibleWindow);
 Boolean IsWindowVisible(WindowRef window);

@@ -1,6 +1,6 @@
 /* The backend for a process with neither a display nor a terminal: nothing can be
  * shown, so creating a window fails and nobody waits for an answer that cannot
- * come. Loops still run and dispatch events from other threads. */
+ * come. Loops still run, waiting in the layer's own wait, and dispatch posted events. */
 #include "events/EventInternal.h"
 #include "backends/PlatBackend.h"
 
@@ -10,16 +10,8 @@ OSStatus NoneCreateWindow(WindowRef) {
     return errInvalidWindowPtr;
 }
 
-void NonePump(int timeoutMs) {
-    plat::WaitForWake(timeoutMs);
-}
-
-void NoneWake() {
-    plat::SignalWake();
-}
-
 } // namespace
 
 const PlatBackendOps gPlatNoneBackend = {
-    "none", NoneCreateWindow, nullptr, nullptr, nullptr, nullptr, NonePump, NoneWake,
+    "none", NoneCreateWindow, nullptr, nullptr, nullptr, plat::WaitForWake, plat::SignalWake,
 };

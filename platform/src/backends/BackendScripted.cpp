@@ -66,19 +66,11 @@ void ScriptedShowWindow(WindowRef window) {
     }
 }
 
-void ScriptedPump(int timeoutMs) {
-    plat::WaitForWake(timeoutMs);
-}
-
-void ScriptedWake() {
-    plat::SignalWake();
-}
-
 } // namespace
 
 const PlatBackendOps gPlatScriptedBackend = {
-    "scripted", ScriptedCreateWindow, ScriptedShowWindow, nullptr, nullptr,
-    nullptr,    ScriptedPump,         ScriptedWake,
+    "scripted", ScriptedCreateWindow, ScriptedShowWindow, nullptr,
+    nullptr,    plat::WaitForWake,    plat::SignalWake,
 };
 
 void PlatScriptSetAction(const char* windowName, PlatScriptAction action, OSType signature, SInt32 id) {

@@ -6,7 +6,6 @@
  * or its first letter; Return alone presses the default button, Escape (or
  * Ctrl-.) the cancel button. End of input (Ctrl-D, or a terminal that hangs up)
  * is the close box. Each frame goes out in one write. */
-#include "events/EventInternal.h"
 #include "backends/PlatBackend.h"
 #include "backends/TerminalText.h"
 
@@ -722,10 +721,6 @@ void TerminalShowWindow(WindowRef window) {
     }
 }
 
-void TerminalHideWindow(WindowRef window) {
-    Forget(window);
-}
-
 void TerminalDisposeWindow(WindowRef window) {
     Forget(window);
 }
@@ -775,7 +770,6 @@ void TerminalWake() {
 } // namespace
 
 const PlatBackendOps gPlatTerminalBackend = {
-    "terminal",         TerminalCreateWindow,  TerminalShowWindow,
-    TerminalHideWindow, TerminalDisposeWindow, TerminalControlChanged,
-    TerminalPump,       TerminalWake,
+    "terminal",   TerminalCreateWindow, TerminalShowWindow, TerminalDisposeWindow, TerminalControlChanged,
+    TerminalPump, TerminalWake,
 };

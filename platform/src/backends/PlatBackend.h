@@ -65,7 +65,6 @@ typedef struct PlatBackendOps {
      * cannot be created, and CreateWindowFromNib fails with this status. */
     OSStatus (*createWindow)(WindowRef window);
     void (*showWindow)(WindowRef window);
-    void (*hideWindow)(WindowRef window);
     void (*disposeWindow)(WindowRef window);
     void (*controlChanged)(WindowRef window, ControlRef control);
     /* Wait for user input or wake(), at most timeoutMs (-1: no limit), and turn

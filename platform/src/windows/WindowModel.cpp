@@ -364,23 +364,6 @@ void ShowWindow(WindowRef window) {
     }
 }
 
-void HideWindow(WindowRef window) {
-    if (plat::RefusedOffMainThread("HideWindow")) {
-        return;
-    }
-    {
-        Lock lock(plat::ModelLock());
-        WindowRec* rec = LiveWindow(window);
-        if (rec == nullptr || !rec->visible) {
-            return;
-        }
-        rec->visible = false;
-    }
-    if (Backend() != nullptr && Backend()->hideWindow != nullptr) {
-        Backend()->hideWindow(window);
-    }
-}
-
 void DisposeWindow(WindowRef window) {
     if (plat::RefusedOffMainThread("DisposeWindow")) {
         return;

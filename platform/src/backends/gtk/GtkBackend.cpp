@@ -415,15 +415,6 @@ void ShowNativeWindow(WindowRef window) {
     Flush();
 }
 
-void HideNativeWindow(WindowRef window) {
-    NativeWindow* native = NativeFor(window);
-    if (!native || gDisplayLost)
-        return;
-    StopPulse(native);
-    gtk_widget_hide(native->toplevel);
-    Flush();
-}
-
 void DisposeNativeWindow(WindowRef window) {
     auto it = gWindows.find(window);
     if (it == gWindows.end() || gDisplayLost)
@@ -501,8 +492,7 @@ void Wake() {
 }
 
 const PlatBackendOps kGtkBackend = {
-    "gtk", CreateNativeWindow, ShowNativeWindow, HideNativeWindow, DisposeNativeWindow, ControlChanged, Pump,
-    Wake,
+    "gtk", CreateNativeWindow, ShowNativeWindow, DisposeNativeWindow, ControlChanged, Pump, Wake,
 };
 
 } // namespace
