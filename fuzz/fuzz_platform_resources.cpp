@@ -3,7 +3,7 @@
 #include <Carbon/Carbon.h>
 #include <PlatformTesting.h>
 
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -64,8 +64,8 @@ void FuzzNib(const uint8_t* data, size_t size) {
 
 // A string table either parses or is refused; never more.
 void FuzzStrings(const uint8_t* data, size_t size) {
-    CFInternalStringsTable table;
-    CFInternalParseStringsTable(std::string_view(reinterpret_cast<const char*>(data), size), table);
+    PlatCFStringsTable table;
+    PlatCFParseStringsTable(std::string_view(reinterpret_cast<const char*>(data), size), table);
 }
 
 // Bytes to a string and back, in both encodings: a conversion either fails or gives a

@@ -2,7 +2,7 @@
  * the one a test forced; else under a display the gtk module, loaded only then;
  * else the terminal when standard input is one; else none. */
 #include "backends/BackendInternal.h"
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <PlatformTesting.h>
 
@@ -37,7 +37,7 @@ bool IsSet(const char* variable) {
 const PlatBackendOps* LoadGtkModule() {
     std::string error;
     auto entry = reinterpret_cast<PlatBackendEntry>(
-        CFInternalOpenPlugIn(PLAT_GTK_MODULE_NAME, PLAT_GTK_MODULE_FALLBACK, PLAT_GTK_MODULE_ENTRY, &error));
+        PlatCFOpenPlugIn(PLAT_GTK_MODULE_NAME, PLAT_GTK_MODULE_FALLBACK, PLAT_GTK_MODULE_ENTRY, &error));
     return entry != nullptr ? entry() : nullptr;
 }
 
@@ -71,13 +71,11 @@ const PlatBackendOps* Forced(const std::string& name) {
 
 } // namespace
 
-namespace plat {
-
-const PlatBackendOps* CurrentBackend() {
+const PlatBackendOps* PlatCurrentBackend() {
     return gBackend.load();
 }
 
-const PlatBackendOps* AcquireBackend() {
+const PlatBackendOps* PlatAcquireBackend() {
     std::lock_guard<std::mutex> lock(ChoiceLock());
     const PlatBackendOps* backend = gBackend.load();
     if (backend == nullptr) {
@@ -88,14 +86,12 @@ const PlatBackendOps* AcquireBackend() {
     return backend;
 }
 
-void ReleaseBackend() {
+void PlatReleaseBackend() {
     std::lock_guard<std::mutex> lock(ChoiceLock());
     if (gWindowsAlive > 0) {
         gWindowsAlive--;
     }
 }
-
-} // namespace plat
 
 void PlatSetBackend(const char* name) {
     std::lock_guard<std::mutex> lock(ChoiceLock());

@@ -4,16 +4,12 @@
 
 #include "backends/PlatBackend.h"
 
-namespace plat {
-
 /* The backend in use; null until the first window is created. Any thread. */
-const PlatBackendOps* CurrentBackend();
+const PlatBackendOps* PlatCurrentBackend();
 
 /* The backend for a new window, chosen now if this is the first window, and the
  * end of a window (main thread). While windows are alive the choice stays. */
-const PlatBackendOps* AcquireBackend();
-void ReleaseBackend();
-
-} // namespace plat
+const PlatBackendOps* PlatAcquireBackend();
+void PlatReleaseBackend();
 
 #endif

@@ -13,5 +13,5 @@ OSStatus NoneCreateWindow(WindowRef) {
 } // namespace
 
 const PlatBackendOps gPlatNoneBackend = {
-    "none", NoneCreateWindow, nullptr, nullptr, nullptr, plat::WaitForWake, plat::SignalWake,
+    "none", NoneCreateWindow, nullptr, nullptr, nullptr, PlatWaitForWake, PlatSignalWake,
 };

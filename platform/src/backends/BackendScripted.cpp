@@ -69,8 +69,7 @@ void ScriptedShowWindow(WindowRef window) {
 } // namespace
 
 const PlatBackendOps gPlatScriptedBackend = {
-    "scripted", ScriptedCreateWindow, ScriptedShowWindow, nullptr,
-    nullptr,    plat::WaitForWake,    plat::SignalWake,
+    "scripted", ScriptedCreateWindow, ScriptedShowWindow, nullptr, nullptr, PlatWaitForWake, PlatSignalWake,
 };
 
 void PlatScriptSetAction(const char* windowName, PlatScriptAction action, OSType signature, SInt32 id) {

@@ -253,7 +253,7 @@ std::string Fill(const char* pattern, const std::string& first, const std::strin
 std::string Answers(const std::vector<Button>& buttons) {
     std::string list;
     for (const Button& b : buttons) {
-        list += (list.empty() ? "" : plat::CurrentTerminalText().answerSeparator) + b.caption;
+        list += (list.empty() ? "" : PlatCurrentTerminalText().answerSeparator) + b.caption;
     }
     return list;
 }
@@ -265,7 +265,7 @@ std::string Hints(WindowRef window) {
     if (buttons.empty() || !PlatGetWindowInfo(window, &info)) {
         return std::string();
     }
-    const plat::TerminalText& words = plat::CurrentTerminalText();
+    const PlatTerminalText& words = PlatCurrentTerminalText();
     std::string hints;
     auto hint = [&](const std::string& text) { hints += (hints.empty() ? "" : words.hintSeparator) + text; };
     for (const Button& b : buttons) {
@@ -290,7 +290,7 @@ std::string Hints(WindowRef window) {
 std::vector<std::string> PromptLines(WindowRef window) {
     std::vector<std::string> lines;
     if (!ButtonsOf(window).empty()) {
-        Wrap(plat::CurrentTerminalText().prompt, Columns(), lines);
+        Wrap(PlatCurrentTerminalText().prompt, Columns(), lines);
         if (lines.back().empty() || lines.back().back() != ' ') {
             lines.back() += ' '; /* the answer does not touch the prompt */
         }
@@ -547,7 +547,7 @@ bool Answer(const std::string& typed) {
         PlatPostControlHit(named.front()->control);
         return true;
     }
-    const plat::TerminalText& words = plat::CurrentTerminalText();
+    const PlatTerminalText& words = PlatCurrentTerminalText();
     std::string reply = line.empty()    ? std::string()
                         : named.empty() ? Fill(words.unknownAnswer, Shown(line), Answers(buttons))
                                         : Fill(words.ambiguousAnswer, Shown(line));

@@ -3,16 +3,14 @@
  * under such a locale may not show anything else. */
 #include "backends/TerminalText.h"
 
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <string>
-
-namespace plat {
 
 namespace {
 
 // clang-format off
-const TerminalText kTexts[] = {
+const PlatTerminalText kTexts[] = {
     {"en",
      "Type the name of a button or its first letter: ",
      "Return: %1", "Esc: %1", "Ctrl-D: close", "; ", ", ",
@@ -54,8 +52,8 @@ const TerminalText kTexts[] = {
 };
 // clang-format on
 
-const TerminalText* Find(const std::string& language) {
-    for (const TerminalText& text : kTexts) {
+const PlatTerminalText* Find(const std::string& language) {
+    for (const PlatTerminalText& text : kTexts) {
         if (language == text.language) {
             return &text;
         }
@@ -65,13 +63,11 @@ const TerminalText* Find(const std::string& language) {
 
 } // namespace
 
-const TerminalText& CurrentTerminalText() {
-    std::string locale = CFInternalUserLocale();
-    const TerminalText* text = Find(locale);
+const PlatTerminalText& PlatCurrentTerminalText() {
+    std::string locale = PlatCFUserLocale();
+    const PlatTerminalText* text = Find(locale);
     if (text == nullptr) {
         text = Find(locale.substr(0, locale.find('_')));
     }
     return text != nullptr ? *text : kTexts[0];
 }
-
-} // namespace plat

@@ -5,9 +5,7 @@
 #ifndef PLATFORM_TERMINALTEXT_H
 #define PLATFORM_TERMINALTEXT_H
 
-namespace plat {
-
-struct TerminalText {
+struct PlatTerminalText {
     const char* language;   /* as in an .lproj folder name: "de", "zh_CN" */
     const char* prompt;     /* asks for an answer, after the key hints */
     const char* returnHint; /* %1: the default button */
@@ -22,8 +20,6 @@ struct TerminalText {
 /* The table for the user's language, chosen as bundles choose their .lproj
  * folders (LC_ALL, LC_MESSAGES, LANG: the first one set; language and region,
  * then the language alone), else English. */
-const TerminalText& CurrentTerminalText();
-
-} // namespace plat
+const PlatTerminalText& PlatCurrentTerminalText();
 
 #endif

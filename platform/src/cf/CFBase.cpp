@@ -1,5 +1,5 @@
 /* Reference counting and equality for every CoreFoundation object of the layer. */
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <climits>
 
@@ -7,9 +7,9 @@ const CFAllocatorRef kCFAllocatorDefault = nullptr;
 
 namespace {
 
-CFInternalBase* AsObject(CFTypeRef cf) {
-    auto* object = static_cast<CFInternalBase*>(const_cast<void*>(cf));
-    if (object == nullptr || object->magic != kCFInternalMagic) {
+PlatCFBase* AsObject(CFTypeRef cf) {
+    auto* object = static_cast<PlatCFBase*>(const_cast<void*>(cf));
+    if (object == nullptr || object->magic != kPlatCFMagic) {
         return nullptr;
     }
     return object;
@@ -17,15 +17,15 @@ CFInternalBase* AsObject(CFTypeRef cf) {
 
 } // namespace
 
-void CFInternalInit(CFInternalBase* object, const CFInternalClass* cls) {
-    object->magic = kCFInternalMagic;
+void PlatCFInit(PlatCFBase* object, const PlatCFClass* cls) {
+    object->magic = kPlatCFMagic;
     object->immortal = false;
     object->cls = cls;
     object->retainCount.store(1, std::memory_order_relaxed);
 }
 
-const CFInternalBase* CFInternalCast(CFTypeRef cf, const CFInternalClass* cls) {
-    const CFInternalBase* object = AsObject(cf);
+const PlatCFBase* PlatCFCast(CFTypeRef cf, const PlatCFClass* cls) {
+    const PlatCFBase* object = AsObject(cf);
     if (object == nullptr || object->cls != cls) {
         return nullptr;
     }
@@ -33,7 +33,7 @@ const CFInternalBase* CFInternalCast(CFTypeRef cf, const CFInternalClass* cls) {
 }
 
 CFTypeRef CFRetain(CFTypeRef cf) {
-    CFInternalBase* object = AsObject(cf);
+    PlatCFBase* object = AsObject(cf);
     if (object != nullptr && !object->immortal) {
         object->retainCount.fetch_add(1, std::memory_order_relaxed);
     }
@@ -41,7 +41,7 @@ CFTypeRef CFRetain(CFTypeRef cf) {
 }
 
 void CFRelease(CFTypeRef cf) {
-    CFInternalBase* object = AsObject(cf);
+    PlatCFBase* object = AsObject(cf);
     if (object == nullptr || object->immortal) {
         return;
     }
@@ -51,7 +51,7 @@ void CFRelease(CFTypeRef cf) {
 }
 
 CFIndex CFGetRetainCount(CFTypeRef cf) {
-    CFInternalBase* object = AsObject(cf);
+    PlatCFBase* object = AsObject(cf);
     if (object == nullptr) {
         return 0;
     }
@@ -62,13 +62,13 @@ CFIndex CFGetRetainCount(CFTypeRef cf) {
 }
 
 CFTypeID CFGetTypeID(CFTypeRef cf) {
-    CFInternalBase* object = AsObject(cf);
+    PlatCFBase* object = AsObject(cf);
     return object == nullptr ? 0 : object->cls->typeID;
 }
 
 Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2) {
-    const CFInternalBase* a = AsObject(cf1);
-    const CFInternalBase* b = AsObject(cf2);
+    const PlatCFBase* a = AsObject(cf1);
+    const PlatCFBase* b = AsObject(cf2);
     if (a == nullptr || b == nullptr) {
         return false;
     }

@@ -1,6 +1,6 @@
 /* Bundles: the folder that holds the running executable, its resources and its
  * localised string tables. */
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <dlfcn.h>
 
@@ -16,25 +16,25 @@
 #include <vector>
 
 struct __CFBundle {
-    CFInternalBase base;
+    PlatCFBase base;
     std::string path;       /* bundle folder, no trailing "/" */
     std::string executable; /* absolute path of the executable */
     bool isApplication;     /* executable in <path>/Contents/MacOS */
 };
 static_assert(std::is_standard_layout_v<__CFBundle>, "the base must sit at the object's address");
 
-static void FinalizeBundle(CFInternalBase* object) {
+static void FinalizeBundle(PlatCFBase* object) {
     delete reinterpret_cast<__CFBundle*>(object);
 }
 
-static const CFInternalClass kBundleClass = {kCFInternalBundleTypeID, "CFBundle", FinalizeBundle, nullptr};
+static const PlatCFClass kBundleClass = {kPlatCFBundleTypeID, "CFBundle", FinalizeBundle, nullptr};
 
 static const __CFBundle* AsBundle(CFBundleRef bundle) {
-    return reinterpret_cast<const __CFBundle*>(CFInternalCast(bundle, &kBundleClass));
+    return reinterpret_cast<const __CFBundle*>(PlatCFCast(bundle, &kBundleClass));
 }
 
 CFTypeID CFBundleGetTypeID(void) {
-    return kCFInternalBundleTypeID;
+    return kPlatCFBundleTypeID;
 }
 
 /* ---- The main bundle ---- */
@@ -79,7 +79,7 @@ CFBundleRef CFBundleGetMainBundle(void) {
     std::string folder = executable.substr(0, slash);
     static const std::string kMacOS = "/Contents/MacOS";
     auto* bundle = new __CFBundle;
-    CFInternalInit(&bundle->base, &kBundleClass);
+    PlatCFInit(&bundle->base, &kBundleClass);
     bundle->base.immortal = true;
     bundle->executable = executable;
     bundle->isApplication = folder.size() >= kMacOS.size() &&
@@ -102,17 +102,17 @@ void PlatSetExecutablePath(const char* path) {
 
 CFURLRef CFBundleCopyBundleURL(CFBundleRef bundle) {
     const __CFBundle* object = AsBundle(bundle);
-    return object == nullptr ? nullptr : CFInternalURLCreateWithPath(object->path, true);
+    return object == nullptr ? nullptr : PlatCFURLCreateWithPath(object->path, true);
 }
 
 CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle) {
     const __CFBundle* object = AsBundle(bundle);
-    return object == nullptr ? nullptr : CFInternalURLCreateWithPath(object->executable, false);
+    return object == nullptr ? nullptr : PlatCFURLCreateWithPath(object->executable, false);
 }
 
 /* ---- Plug-ins ---- */
-void* CFInternalOpenPlugIn(const char* fileName, const char* fallbackPath, const char* entryName,
-                           std::string* error) {
+void* PlatCFOpenPlugIn(const char* fileName, const char* fallbackPath, const char* entryName,
+                       std::string* error) {
     std::string inBundle;
     if (const __CFBundle* bundle = AsBundle(CFBundleGetMainBundle())) {
         inBundle = bundle->path + "/Contents/PlugIns/" + fileName;
@@ -141,7 +141,7 @@ static std::string ResourcesFolder(const __CFBundle* bundle) {
     return bundle->isApplication ? bundle->path + "/Contents/Resources" : bundle->path;
 }
 
-std::string CFInternalUserLocale() {
+std::string PlatCFUserLocale() {
     for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
         const char* value = getenv(variable);
         if (value != nullptr && value[0] != '\0') {
@@ -160,7 +160,7 @@ static std::vector<std::string> LocalizationFolders() {
         const char* name;
     } kOldNames[] = {{"en", "English"}, {"de", "German"},  {"fr", "French"}, {"ja", "Japanese"},
                      {"es", "Spanish"}, {"it", "Italian"}, {"nl", "Dutch"}};
-    std::string locale = CFInternalUserLocale();
+    std::string locale = PlatCFUserLocale();
     std::vector<std::string> folders;
     auto add = [&folders](const std::string& name) {
         if (name.empty())
@@ -204,11 +204,11 @@ static bool PathExists(const std::string& path, bool* isDirectory) {
 CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, CFStringRef resourceType,
                                  CFStringRef subDirName) {
     const __CFBundle* object = AsBundle(bundle);
-    if (object == nullptr || CFInternalStringCharacters(resourceName) == nullptr)
+    if (object == nullptr || PlatCFStringCharacters(resourceName) == nullptr)
         return nullptr;
-    std::string name = CFInternalStringToUTF8(resourceName);
-    std::string type = CFInternalStringToUTF8(resourceType);
-    std::string subfolder = CFInternalStringToUTF8(subDirName);
+    std::string name = PlatCFStringToUTF8(resourceName);
+    std::string type = PlatCFStringToUTF8(resourceType);
+    std::string subfolder = PlatCFStringToUTF8(subDirName);
     if (name.empty() || name.find('\0') != std::string::npos || type.find('\0') != std::string::npos ||
         subfolder.find('\0') != std::string::npos)
         return nullptr;
@@ -223,7 +223,7 @@ CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, C
     for (const std::string& path : candidates) {
         bool isDirectory;
         if (PathExists(path, &isDirectory))
-            return CFInternalURLCreateWithPath(path, isDirectory);
+            return PlatCFURLCreateWithPath(path, isDirectory);
     }
     return nullptr;
 }
@@ -233,7 +233,7 @@ CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, C
 static constexpr size_t kMaxTableBytes = 4u << 20;
 
 static bool ReadWholeFile(const std::string& path, std::string& bytes) {
-    return CFInternalReadRegularFile(path, kMaxTableBytes, bytes);
+    return PlatCFReadRegularFile(path, kMaxTableBytes, bytes);
 }
 
 CFStringRef CFBundleCopyLocalizedString(CFBundleRef bundle, CFStringRef key, CFStringRef value,
@@ -244,10 +244,10 @@ CFStringRef CFBundleCopyLocalizedString(CFBundleRef bundle, CFStringRef key, CFS
         return answer == nullptr ? nullptr : static_cast<CFStringRef>(CFRetain(answer));
     };
     const __CFBundle* object = AsBundle(bundle);
-    const std::u16string* keyCharacters = CFInternalStringCharacters(key);
+    const std::u16string* keyCharacters = PlatCFStringCharacters(key);
     if (object == nullptr || keyCharacters == nullptr)
         return fallback();
-    std::string table = tableName == nullptr ? "Localizable" : CFInternalStringToUTF8(tableName);
+    std::string table = tableName == nullptr ? "Localizable" : PlatCFStringToUTF8(tableName);
     if (table.empty() || table.find('/') != std::string::npos || table.find('\0') != std::string::npos)
         return fallback();
 
@@ -258,13 +258,13 @@ CFStringRef CFBundleCopyLocalizedString(CFBundleRef bundle, CFStringRef key, CFS
     files.push_back(resources + "/" + table + ".strings");
 
     std::string bytes;
-    CFInternalStringsTable entries;
+    PlatCFStringsTable entries;
     for (const std::string& path : files) {
-        if (!ReadWholeFile(path, bytes) || !CFInternalParseStringsTable(bytes, entries))
+        if (!ReadWholeFile(path, bytes) || !PlatCFParseStringsTable(bytes, entries))
             continue;
         auto found = entries.find(*keyCharacters);
         if (found != entries.end())
-            return CFInternalStringCreateWithCharacters(found->second);
+            return PlatCFStringCreateWithCharacters(found->second);
     }
     return fallback();
 }

@@ -1,12 +1,12 @@
 /* Reading the bundle's resource files: only regular files, opened so that a pipe or a
  * device in a resource's place can neither hold the caller up nor be acted on. */
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-bool CFInternalReadRegularFile(const std::string& path, size_t limit, std::string& bytes) {
+bool PlatCFReadRegularFile(const std::string& path, size_t limit, std::string& bytes) {
     bytes.clear();
     struct stat info;
     if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {

@@ -1,5 +1,5 @@
 /* Immutable strings of UTF-16 units, and the Mac Roman and UTF-8 encodings. */
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <cstring>
 #include <mutex>
@@ -7,29 +7,28 @@
 #include <unordered_map>
 
 struct __CFString {
-    CFInternalBase base;
+    PlatCFBase base;
     std::u16string characters;
 };
 static_assert(std::is_standard_layout_v<__CFString>, "the base must sit at the object's address");
 
-static void FinalizeString(CFInternalBase* object) {
+static void FinalizeString(PlatCFBase* object) {
     delete reinterpret_cast<__CFString*>(object);
 }
 
-static bool EqualStrings(const CFInternalBase* a, const CFInternalBase* b) {
+static bool EqualStrings(const PlatCFBase* a, const PlatCFBase* b) {
     return reinterpret_cast<const __CFString*>(a)->characters ==
            reinterpret_cast<const __CFString*>(b)->characters;
 }
 
-static const CFInternalClass kStringClass = {kCFInternalStringTypeID, "CFString", FinalizeString,
-                                             EqualStrings};
+static const PlatCFClass kStringClass = {kPlatCFStringTypeID, "CFString", FinalizeString, EqualStrings};
 
 static const __CFString* AsString(CFStringRef string) {
-    return reinterpret_cast<const __CFString*>(CFInternalCast(string, &kStringClass));
+    return reinterpret_cast<const __CFString*>(PlatCFCast(string, &kStringClass));
 }
 
 CFTypeID CFStringGetTypeID(void) {
-    return kCFInternalStringTypeID;
+    return kPlatCFStringTypeID;
 }
 
 /* ---- Mac Roman: bytes 0x80-0xFF (0x00-0x7F are ASCII) ---- */
@@ -45,7 +44,7 @@ static const UniChar kMacRomanHigh[128] = {
     0x00CB, 0x00C8, 0x00CD, 0x00CE, 0x00CF, 0x00CC, 0x00D3, 0x00D4, 0xF8FF, 0x00D2, 0x00DA, 0x00DB, 0x00D9,
     0x0131, 0x02C6, 0x02DC, 0x00AF, 0x02D8, 0x02D9, 0x02DA, 0x00B8, 0x02DD, 0x02DB, 0x02C7};
 
-void CFInternalDecodeMacRoman(std::string_view bytes, std::u16string& out) {
+void PlatCFDecodeMacRoman(std::string_view bytes, std::u16string& out) {
     out.clear();
     out.reserve(bytes.size());
     for (unsigned char byte : bytes)
@@ -64,7 +63,7 @@ static int EncodeMacRoman(char16_t unit) {
 }
 
 /* ---- UTF-8 ---- */
-bool CFInternalDecodeUTF8(std::string_view bytes, std::u16string& out) {
+bool PlatCFDecodeUTF8(std::string_view bytes, std::u16string& out) {
     out.clear();
     out.reserve(bytes.size());
     size_t i = 0;
@@ -147,18 +146,18 @@ static bool EncodeUTF8(const std::u16string& units, std::string& out, bool lenie
 /* ---- Creation ---- */
 static __CFString* NewString(std::u16string characters) {
     auto* string = new __CFString;
-    CFInternalInit(&string->base, &kStringClass);
+    PlatCFInit(&string->base, &kStringClass);
     string->characters = std::move(characters);
     return string;
 }
 
-CFStringRef CFInternalStringCreateWithCharacters(std::u16string characters) {
+CFStringRef PlatCFStringCreateWithCharacters(std::u16string characters) {
     return NewString(std::move(characters));
 }
 
-CFStringRef CFInternalStringCreateWithUTF8(std::string_view utf8) {
+CFStringRef PlatCFStringCreateWithUTF8(std::string_view utf8) {
     std::u16string characters;
-    if (!CFInternalDecodeUTF8(utf8, characters))
+    if (!PlatCFDecodeUTF8(utf8, characters))
         return nullptr;
     return NewString(std::move(characters));
 }
@@ -170,7 +169,7 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char* cStr, CFString
     std::u16string characters;
     switch (encoding) {
     case kCFStringEncodingMacRoman:
-        CFInternalDecodeMacRoman(bytes, characters);
+        PlatCFDecodeMacRoman(bytes, characters);
         break;
     case kCFStringEncodingASCII:
         for (unsigned char byte : bytes) {
@@ -180,7 +179,7 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char* cStr, CFString
         }
         break;
     case kCFStringEncodingUTF8:
-        if (!CFInternalDecodeUTF8(bytes, characters))
+        if (!PlatCFDecodeUTF8(bytes, characters))
             return nullptr;
         break;
     default:
@@ -201,8 +200,8 @@ CFStringRef __CFStringMakeConstantString(const char* cStr) {
     if (found != constants->end())
         return found->second;
     std::u16string characters;
-    if (!CFInternalDecodeUTF8(cStr, characters))
-        CFInternalDecodeMacRoman(cStr, characters);
+    if (!PlatCFDecodeUTF8(cStr, characters))
+        PlatCFDecodeMacRoman(cStr, characters);
     __CFString* string = NewString(std::move(characters));
     string->base.immortal = true;
     constants->emplace(cStr, string);
@@ -210,12 +209,12 @@ CFStringRef __CFStringMakeConstantString(const char* cStr) {
 }
 
 /* ---- Access ---- */
-const std::u16string* CFInternalStringCharacters(CFStringRef string) {
+const std::u16string* PlatCFStringCharacters(CFStringRef string) {
     const __CFString* object = AsString(string);
     return object == nullptr ? nullptr : &object->characters;
 }
 
-std::string CFInternalStringToUTF8(CFStringRef string) {
+std::string PlatCFStringToUTF8(CFStringRef string) {
     std::string text;
     if (const __CFString* object = AsString(string))
         EncodeUTF8(object->characters, text, true);

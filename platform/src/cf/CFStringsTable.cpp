@@ -2,7 +2,7 @@
  * comments, in UTF-8 or in UTF-16 with a byte-order mark. A table that does not
  * parse is refused whole, so that a broken file shows the keys' fallbacks rather
  * than half of its texts. */
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 namespace {
 
@@ -24,8 +24,8 @@ bool DecodeTableText(std::string_view bytes, std::u16string& text) {
     }
     if (bytes.size() >= 3 && bytes.substr(0, 3) == "\xEF\xBB\xBF")
         bytes.remove_prefix(3);
-    if (!CFInternalDecodeUTF8(bytes, text))
-        CFInternalDecodeMacRoman(bytes, text);
+    if (!PlatCFDecodeUTF8(bytes, text))
+        PlatCFDecodeMacRoman(bytes, text);
     return true;
 }
 
@@ -147,7 +147,7 @@ struct Parser {
     }
 
     /* Entries up to the end of the text, or up to "}" when inside braces. */
-    bool ReadEntries(CFInternalStringsTable& table, bool braced) {
+    bool ReadEntries(PlatCFStringsTable& table, bool braced) {
         std::u16string key, value;
         for (;;) {
             if (!SkipSpace())
@@ -179,7 +179,7 @@ struct Parser {
 
 } // namespace
 
-bool CFInternalParseStringsTable(std::string_view bytes, CFInternalStringsTable& table) {
+bool PlatCFParseStringsTable(std::string_view bytes, PlatCFStringsTable& table) {
     table.clear();
     std::u16string text;
     if (!DecodeTableText(bytes, text))

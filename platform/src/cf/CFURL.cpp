@@ -1,35 +1,35 @@
 /* File URLs: an absolute path and the URL text written for it. */
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <cstring>
 #include <type_traits>
 #include <unistd.h>
 
 struct __CFURL {
-    CFInternalBase base;
+    PlatCFBase base;
     std::string path;   /* file-system form, no trailing "/" except the root */
     CFStringRef string; /* "file://localhost" + encoded path (+ "/" for a directory) */
 };
 static_assert(std::is_standard_layout_v<__CFURL>, "the base must sit at the object's address");
 
-static void FinalizeURL(CFInternalBase* object) {
+static void FinalizeURL(PlatCFBase* object) {
     auto* url = reinterpret_cast<__CFURL*>(object);
     CFRelease(url->string);
     delete url;
 }
 
-static bool EqualURLs(const CFInternalBase* a, const CFInternalBase* b) {
+static bool EqualURLs(const PlatCFBase* a, const PlatCFBase* b) {
     return CFEqual(reinterpret_cast<const __CFURL*>(a)->string, reinterpret_cast<const __CFURL*>(b)->string);
 }
 
-static const CFInternalClass kURLClass = {kCFInternalURLTypeID, "CFURL", FinalizeURL, EqualURLs};
+static const PlatCFClass kURLClass = {kPlatCFURLTypeID, "CFURL", FinalizeURL, EqualURLs};
 
 static const __CFURL* AsURL(CFURLRef url) {
-    return reinterpret_cast<const __CFURL*>(CFInternalCast(url, &kURLClass));
+    return reinterpret_cast<const __CFURL*>(PlatCFCast(url, &kURLClass));
 }
 
 CFTypeID CFURLGetTypeID(void) {
-    return kCFInternalURLTypeID;
+    return kPlatCFURLTypeID;
 }
 
 /* Every byte outside the unreserved characters and "/" is written as %XX with
@@ -52,7 +52,7 @@ static std::string EncodePath(const std::string& path) {
     return text;
 }
 
-CFURLRef CFInternalURLCreateWithPath(const std::string& path, bool isDirectory) {
+CFURLRef PlatCFURLCreateWithPath(const std::string& path, bool isDirectory) {
     if (path.empty())
         return nullptr;
     std::string absolute = path;
@@ -69,28 +69,28 @@ CFURLRef CFInternalURLCreateWithPath(const std::string& path, bool isDirectory) 
     if (isDirectory && absolute != "/")
         text.push_back('/');
     /* Encoded text is plain ASCII, so this cannot fail. */
-    CFStringRef string = CFInternalStringCreateWithUTF8(text);
+    CFStringRef string = PlatCFStringCreateWithUTF8(text);
 
     auto* url = new __CFURL;
-    CFInternalInit(&url->base, &kURLClass);
+    PlatCFInit(&url->base, &kURLClass);
     url->path = std::move(absolute);
     url->string = string;
     return reinterpret_cast<CFURLRef>(url);
 }
 
-const std::string* CFInternalURLPath(CFURLRef url) {
+const std::string* PlatCFURLPath(CFURLRef url) {
     const __CFURL* object = AsURL(url);
     return object == nullptr ? nullptr : &object->path;
 }
 
 CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef filePath, CFURLPathStyle pathStyle,
                                        Boolean isDirectory) {
-    if (pathStyle != kCFURLPOSIXPathStyle || CFInternalStringCharacters(filePath) == nullptr)
+    if (pathStyle != kCFURLPOSIXPathStyle || PlatCFStringCharacters(filePath) == nullptr)
         return nullptr;
-    std::string path = CFInternalStringToUTF8(filePath);
+    std::string path = PlatCFStringToUTF8(filePath);
     if (path.find('\0') != std::string::npos)
         return nullptr;
-    return CFInternalURLCreateWithPath(path, isDirectory);
+    return PlatCFURLCreateWithPath(path, isDirectory);
 }
 
 CFStringRef CFURLGetString(CFURLRef anURL) {

@@ -13,41 +13,37 @@
 #include <cstdint>
 #include <mutex>
 
-namespace plat {
-
 /* Guards every registry of the layer. Never held while a handler, a backend
  * entry point or a wait runs. */
-std::recursive_mutex& ModelLock();
+std::recursive_mutex& PlatModelLock();
 
 /* A fresh identifier, usable as any of the layer's references. */
-uintptr_t NewObjectId();
+uintptr_t PlatNewObjectId();
 
 /* Windows, controls, nibs and loops belong to the main thread. Called elsewhere,
  * this writes one line naming the call to standard error and answers true: the
  * caller refuses. With PLAT_ABORT_ON_THREAD_MISUSE=1 in the environment it aborts
  * instead. */
-bool RefusedOffMainThread(const char* call);
+bool PlatRefusedOffMainThread(const char* call);
 
 /* A target for a window or a control; events it does not handle go on to parent. */
-EventTargetRef CreateTarget(EventTargetRef parent);
+EventTargetRef PlatCreateTarget(EventTargetRef parent);
 /* Forgets the target and every handler installed on it. */
-void DestroyTarget(EventTargetRef target);
+void PlatDestroyTarget(EventTargetRef target);
 
 /* Runs the main thread's loop until done(context) is true: dispatches posted
  * events one at a time and, with none, waits for input. Main thread only. */
-void RunLoopUntil(bool (*done)(void* context), void* context);
+void PlatRunLoopUntil(bool (*done)(void* context), void* context);
 
 /* How an idle loop waits and how another thread wakes it. A layer that has input
  * of its own (the windows, through their backend) sets both; until then, and
- * with null, the loops use WaitForWake and are woken by SignalWake alone. */
-void SetLoopWaiter(void (*wait)(void), void (*wake)(void));
+ * with null, the loops use PlatWaitForWake and are woken by PlatSignalWake alone. */
+void PlatSetLoopWaiter(void (*wait)(void), void (*wake)(void));
 
 /* The layer's own wait, for backends without input of their own: returns after a
- * SignalWake (also one that came before the call) or after timeoutMs (-1: no
+ * PlatSignalWake (also one that came before the call) or after timeoutMs (-1: no
  * limit). */
-void WaitForWake(int timeoutMs);
-void SignalWake();
-
-} // namespace plat
+void PlatWaitForWake(int timeoutMs);
+void PlatSignalWake();
 
 #endif

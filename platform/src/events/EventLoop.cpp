@@ -42,7 +42,7 @@ struct Queues {
 Queues& Q() {
     static Queues* queues = [] {
         Queues* q = new Queues;
-        q->mainQueue = plat::NewObjectId();
+        q->mainQueue = PlatNewObjectId();
         q->queues[q->mainQueue];
         return q;
     }();
@@ -90,7 +90,7 @@ std::atomic<void (*)(void)> gWait{nullptr};
 std::atomic<void (*)(void)> gWake{nullptr};
 
 void WakeMainThread() {
-    plat::SignalWake();
+    PlatSignalWake();
     if (void (*wake)(void) = gWake.load()) {
         wake();
     }
@@ -100,7 +100,7 @@ void WaitForInput() {
     if (void (*wait)(void) = gWait.load()) {
         wait();
     } else {
-        plat::WaitForWake(-1);
+        PlatWaitForWake(-1);
     }
 }
 
@@ -145,14 +145,12 @@ bool TakeApplicationQuit(void*) {
 
 } // namespace
 
-namespace plat {
-
-void SetLoopWaiter(void (*wait)(void), void (*wake)(void)) {
+void PlatSetLoopWaiter(void (*wait)(void), void (*wake)(void)) {
     gWait.store(wait);
     gWake.store(wake);
 }
 
-void SignalWake() {
+void PlatSignalWake() {
     {
         std::lock_guard<std::mutex> lock(Q().lock);
         Q().woken = true;
@@ -160,7 +158,7 @@ void SignalWake() {
     Q().wakeUp.notify_all();
 }
 
-void WaitForWake(int timeoutMs) {
+void PlatWaitForWake(int timeoutMs) {
     std::unique_lock<std::mutex> lock(Q().lock);
     auto woken = [] { return Q().woken; };
     if (timeoutMs < 0) {
@@ -171,15 +169,13 @@ void WaitForWake(int timeoutMs) {
     Q().woken = false;
 }
 
-void RunLoopUntil(bool (*done)(void* context), void* context) {
+void PlatRunLoopUntil(bool (*done)(void* context), void* context) {
     while (!done(context)) {
         if (!DispatchOnePosted()) {
             WaitForInput();
         }
     }
 }
-
-} // namespace plat
 
 EventQueueRef GetMainEventQueue(void) {
     return reinterpret_cast<EventQueueRef>(Q().mainQueue);
@@ -190,7 +186,7 @@ EventQueueRef GetCurrentEventQueue(void) {
         return GetMainEventQueue();
     }
     if (tQueue.id == 0) {
-        uintptr_t id = plat::NewObjectId();
+        uintptr_t id = PlatNewObjectId();
         std::lock_guard<std::mutex> lock(Q().lock);
         Q().queues[id];
         tQueue.id = id;
@@ -227,18 +223,18 @@ OSStatus PostEventToQueue(EventQueueRef inQueue, EventRef inEvent, EventPriority
 }
 
 void RunApplicationEventLoop(void) {
-    if (plat::RefusedOffMainThread("RunApplicationEventLoop")) {
+    if (PlatRefusedOffMainThread("RunApplicationEventLoop")) {
         return;
     }
     gApplicationLoops++;
-    plat::RunLoopUntil(TakeApplicationQuit, nullptr);
+    PlatRunLoopUntil(TakeApplicationQuit, nullptr);
     gApplicationLoops--;
 }
 
 /* Ends the innermost application loop once the running handler has returned. With
  * no application loop running there is nothing to end, and nothing is kept. */
 void QuitApplicationEventLoop(void) {
-    if (plat::RefusedOffMainThread("QuitApplicationEventLoop")) {
+    if (PlatRefusedOffMainThread("QuitApplicationEventLoop")) {
         return;
     }
     if (gApplicationLoops > 0) {
@@ -247,7 +243,7 @@ void QuitApplicationEventLoop(void) {
 }
 
 void PlatDrainEvents(void) {
-    if (plat::RefusedOffMainThread("PlatDrainEvents")) {
+    if (PlatRefusedOffMainThread("PlatDrainEvents")) {
         return;
     }
     while (DispatchOnePosted()) {

@@ -59,7 +59,7 @@ struct Registry {
 Registry& Reg() {
     static Registry* registry = [] {
         Registry* r = new Registry;
-        r->applicationTarget = plat::NewObjectId();
+        r->applicationTarget = PlatNewObjectId();
         r->targets[r->applicationTarget] = TargetRec{0, {}};
         return r;
     }();
@@ -108,7 +108,7 @@ OSStatus RunFrom(Dispatch& d) {
         EventHandlerUPP proc = nullptr;
         void* userData = nullptr;
         {
-            std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+            std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
             if (!d.levelStarted) {
                 if (d.level >= d.chain.size()) {
                     break;
@@ -158,20 +158,18 @@ OSStatus RunFrom(Dispatch& d) {
 
 } // namespace
 
-namespace plat {
-
-std::recursive_mutex& ModelLock() {
+std::recursive_mutex& PlatModelLock() {
     static std::recursive_mutex* lock = new std::recursive_mutex;
     return *lock;
 }
 
-uintptr_t NewObjectId() {
+uintptr_t PlatNewObjectId() {
     /* Spaced like aligned pointers, far from null and from small integers. */
     static std::atomic<uintptr_t> next{0x10000};
     return next.fetch_add(0x10);
 }
 
-bool RefusedOffMainThread(const char* call) {
+bool PlatRefusedOffMainThread(const char* call) {
     if (pthread_main_np()) {
         return false;
     }
@@ -184,15 +182,15 @@ bool RefusedOffMainThread(const char* call) {
     return true;
 }
 
-EventTargetRef CreateTarget(EventTargetRef parent) {
-    std::lock_guard<std::recursive_mutex> lock(ModelLock());
-    uintptr_t id = NewObjectId();
+EventTargetRef PlatCreateTarget(EventTargetRef parent) {
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
+    uintptr_t id = PlatNewObjectId();
     Reg().targets[id] = TargetRec{IdOf(parent), {}};
     return reinterpret_cast<EventTargetRef>(id);
 }
 
-void DestroyTarget(EventTargetRef target) {
-    std::lock_guard<std::recursive_mutex> lock(ModelLock());
+void PlatDestroyTarget(EventTargetRef target) {
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     auto it = Reg().targets.find(IdOf(target));
     if (it == Reg().targets.end() || it->first == Reg().applicationTarget) {
         return;
@@ -202,8 +200,6 @@ void DestroyTarget(EventTargetRef target) {
     }
     Reg().targets.erase(it);
 }
-
-} // namespace plat
 
 /* ---- Handlers ---- */
 
@@ -219,12 +215,12 @@ OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler,
     if (inHandler == nullptr || (inNumTypes > 0 && inList == nullptr)) {
         return paramErr;
     }
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     auto target = Reg().targets.find(IdOf(inTarget));
     if (target == Reg().targets.end()) {
         return paramErr;
     }
-    uintptr_t id = plat::NewObjectId();
+    uintptr_t id = PlatNewObjectId();
     Reg().handlers[id] = HandlerRec{target->first, inHandler,
                                     std::vector<EventTypeSpec>(inList, inList + inNumTypes), inUserData};
     target->second.handlers.push_back(id);
@@ -235,7 +231,7 @@ OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler,
 }
 
 OSStatus RemoveEventHandler(EventHandlerRef inHandlerRef) {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     auto handler = Reg().handlers.find(IdOf(inHandlerRef));
     if (handler == Reg().handlers.end()) {
         return paramErr;
@@ -272,15 +268,15 @@ OSStatus CreateEvent(CFAllocatorRef, UInt32 inClassID, UInt32 inKind, EventTime 
     if (outEvent == nullptr) {
         return paramErr;
     }
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-    uintptr_t id = plat::NewObjectId();
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
+    uintptr_t id = PlatNewObjectId();
     Reg().events[id] = EventRec{inClassID, inKind, inWhen, inAttributes, 1, {}};
     *outEvent = reinterpret_cast<EventRef>(id);
     return noErr;
 }
 
 EventRef RetainEvent(EventRef inEvent) {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     if (rec == nullptr) {
         return nullptr;
@@ -290,7 +286,7 @@ EventRef RetainEvent(EventRef inEvent) {
 }
 
 void ReleaseEvent(EventRef inEvent) {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     if (rec != nullptr && --rec->retainCount == 0) {
         Reg().events.erase(IdOf(inEvent));
@@ -302,7 +298,7 @@ OSStatus SetEventParameter(EventRef inEvent, EventParamName inName, EventParamTy
     if (inDataPtr == nullptr && inSize > 0) {
         return paramErr;
     }
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     if (rec == nullptr) {
         return paramErr;
@@ -315,7 +311,7 @@ OSStatus SetEventParameter(EventRef inEvent, EventParamName inName, EventParamTy
 OSStatus GetEventParameter(EventRef inEvent, EventParamName inName, EventParamType inDesiredType,
                            EventParamType* outActualType, ByteCount inBufferSize, ByteCount* outActualSize,
                            void* outData) {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     if (rec == nullptr) {
         return paramErr;
@@ -347,13 +343,13 @@ OSStatus GetEventParameter(EventRef inEvent, EventParamName inName, EventParamTy
 }
 
 UInt32 GetEventClass(EventRef inEvent) {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     return rec == nullptr ? 0 : rec->eventClass;
 }
 
 UInt32 GetEventKind(EventRef inEvent) {
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     return rec == nullptr ? 0 : rec->kind;
 }
@@ -369,7 +365,7 @@ EventTime GetCurrentEventTime(void) {
 OSStatus SendEventToEventTarget(EventRef inEvent, EventTargetRef inTarget) {
     Dispatch d;
     {
-        std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+        std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
         EventRec* rec = FindEvent(inEvent);
         if (rec == nullptr || Reg().targets.count(IdOf(inTarget)) == 0) {
             return paramErr;

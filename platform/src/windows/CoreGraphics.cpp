@@ -2,7 +2,7 @@
  * RGBA rows. Both are CoreFoundation objects, so CFRelease works on them too. */
 #include <ApplicationServices/ApplicationServices.h>
 
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 #include "backends/PlatBackend.h"
 
 #include <cstdio>
@@ -17,45 +17,45 @@ static constexpr size_t kMaxProviderBytes = 256u << 20;
 static constexpr size_t kMaxImageBytes = 256u << 20;
 
 struct CGDataProvider {
-    CFInternalBase base;
+    PlatCFBase base;
     std::vector<unsigned char> bytes;
 };
 static_assert(std::is_standard_layout_v<CGDataProvider>, "the base must sit at the object's address");
 
 struct CGImage {
-    CFInternalBase base;
+    PlatCFBase base;
     size_t width, height;
     unsigned char* rgba; /* width * 4 bytes per row, malloc'd */
 };
 static_assert(std::is_standard_layout_v<CGImage>, "the base must sit at the object's address");
 
-static void FinalizeProvider(CFInternalBase* object) {
+static void FinalizeProvider(PlatCFBase* object) {
     delete reinterpret_cast<CGDataProvider*>(object);
 }
 
-static void FinalizeImage(CFInternalBase* object) {
+static void FinalizeImage(PlatCFBase* object) {
     auto* image = reinterpret_cast<CGImage*>(object);
     free(image->rgba);
     delete image;
 }
 
-static const CFInternalClass kProviderClass = {kCFInternalDataProviderTypeID, "CGDataProvider",
-                                               FinalizeProvider, nullptr};
-static const CFInternalClass kImageClass = {kCFInternalImageTypeID, "CGImage", FinalizeImage, nullptr};
+static const PlatCFClass kProviderClass = {kPlatCFDataProviderTypeID, "CGDataProvider", FinalizeProvider,
+                                           nullptr};
+static const PlatCFClass kImageClass = {kPlatCFImageTypeID, "CGImage", FinalizeImage, nullptr};
 
 static const CGImage* AsImage(CGImageRef image) {
-    return reinterpret_cast<const CGImage*>(CFInternalCast(image, &kImageClass));
+    return reinterpret_cast<const CGImage*>(PlatCFCast(image, &kImageClass));
 }
 
 CGDataProviderRef CGDataProviderCreateWithURL(CFURLRef url) {
-    const std::string* path = CFInternalURLPath(url);
+    const std::string* path = PlatCFURLPath(url);
     if (path == nullptr)
         return nullptr;
     std::string bytes;
-    if (!CFInternalReadRegularFile(*path, kMaxProviderBytes, bytes))
+    if (!PlatCFReadRegularFile(*path, kMaxProviderBytes, bytes))
         return nullptr;
     auto* provider = new CGDataProvider;
-    CFInternalInit(&provider->base, &kProviderClass);
+    PlatCFInit(&provider->base, &kProviderClass);
     provider->bytes.assign(bytes.begin(), bytes.end());
     return provider;
 }
@@ -84,7 +84,7 @@ static void ApplyDecode(unsigned char* rgba, size_t pixels, const CGFloat* decod
 
 CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat* decode, bool,
                                             CGColorRenderingIntent) {
-    auto* provider = reinterpret_cast<const CGDataProvider*>(CFInternalCast(source, &kProviderClass));
+    auto* provider = reinterpret_cast<const CGDataProvider*>(PlatCFCast(source, &kProviderClass));
     if (provider == nullptr || provider->bytes.size() < 8 || png_sig_cmp(provider->bytes.data(), 0, 8) != 0)
         return nullptr;
 
@@ -115,7 +115,7 @@ CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFl
         ApplyDecode(rgba, size / 4, decode);
 
     auto* image = new CGImage;
-    CFInternalInit(&image->base, &kImageClass);
+    PlatCFInit(&image->base, &kImageClass);
     image->width = png.width;
     image->height = png.height;
     image->rgba = rgba;

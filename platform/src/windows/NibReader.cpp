@@ -33,7 +33,7 @@
  * type or form, a control without bounds or outside its window, two controls
  * with the same ControlID other than {0, 0}, views nested deeper than
  * kMaxViewDepth. */
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 #include "events/EventInternal.h"
 #include "windows/WindowInternal.h"
 
@@ -55,9 +55,6 @@
 #include <vector>
 
 namespace {
-
-using plat::ControlDef;
-using plat::WindowDef;
 
 /* Real nibs are tens of kilobytes; anything far larger is not one. */
 constexpr long kMaxNibBytes = 2L * 1024 * 1024;
@@ -195,14 +192,14 @@ constexpr ControlClass kControlClasses[] = {
 /* One view and, unless it is hidden, the views inside it, in nib order. */
 class ViewReader {
   public:
-    explicit ViewReader(WindowDef& window) : window_(window) {}
+    explicit ViewReader(PlatWindowDef& window) : window_(window) {}
 
     bool Read(const pugi::xml_node& view, int depth) {
         if (depth > kMaxViewDepth) {
             return false;
         }
         bool known = false;
-        ControlDef control{};
+        PlatControlDef control{};
         for (const ControlClass& c : kControlClasses) {
             if (std::strcmp(view.attribute("class").value(), c.name) == 0) {
                 control.kind = c.kind;
@@ -243,7 +240,7 @@ class ViewReader {
     }
 
   private:
-    bool ReadMember(const pugi::xml_node& value, ControlDef& control, bool& hasBounds, bool& hidden,
+    bool ReadMember(const pugi::xml_node& value, PlatControlDef& control, bool& hasBounds, bool& hidden,
                     pugi::xml_node& subviews) {
         const char* key = value.attribute("name").value();
         long number = 0;
@@ -276,7 +273,7 @@ class ViewReader {
     }
 
     /* A built control lies wholly inside its window and has a ControlID of its own. */
-    bool Place(const ControlDef& control, bool hasBounds) {
+    bool Place(const PlatControlDef& control, bool hasBounds) {
         const PlatRect& f = control.frame;
         if (!hasBounds || f.x < 0 || f.y < 0 || f.x + f.width > window_.width ||
             f.y + f.height > window_.height) {
@@ -286,11 +283,11 @@ class ViewReader {
         return !identified || ids_.insert({control.id.signature, control.id.id}).second;
     }
 
-    WindowDef& window_;
+    PlatWindowDef& window_;
     std::set<std::pair<OSType, SInt32>> ids_;
 };
 
-bool ParseWindow(const pugi::xml_node& object, WindowDef& window) {
+bool ParseWindow(const pugi::xml_node& object, PlatWindowDef& window) {
     PlatRect rect{};
     if (!ParseRect(Member(object, "windowRect"), rect) || rect.width == 0 || rect.height == 0) {
         return false;
@@ -399,7 +396,7 @@ bool ReadArchive(NibRec& nib) {
 
 /* The whole file, if it is a regular file of a size a nib can have. */
 bool ReadFile(const std::string& path, std::string& bytes) {
-    return CFInternalReadRegularFile(path, kMaxNibBytes, bytes);
+    return PlatCFReadRegularFile(path, kMaxNibBytes, bytes);
 }
 
 std::string PathOf(CFURLRef url) {
@@ -444,7 +441,7 @@ std::string FindNib(const std::string& name) {
 } // namespace
 
 OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef) {
-    if (plat::RefusedOffMainThread("CreateNibReference")) {
+    if (PlatRefusedOffMainThread("CreateNibReference")) {
         return eventInternalErr;
     }
     if (outNibRef == nullptr) {
@@ -464,23 +461,23 @@ OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef) {
     if (!nib->document->load_buffer(bytes.data(), bytes.size()) || !ReadArchive(*nib)) {
         return kIBCarbonRuntimeCantFindNibFile;
     }
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
-    uintptr_t id = plat::NewObjectId();
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
+    uintptr_t id = PlatNewObjectId();
     Nibs()[id] = std::move(nib);
     *outNibRef = reinterpret_cast<IBNibRef>(id);
     return noErr;
 }
 
 void DisposeNibReference(IBNibRef inNibRef) {
-    if (plat::RefusedOffMainThread("DisposeNibReference")) {
+    if (PlatRefusedOffMainThread("DisposeNibReference")) {
         return;
     }
-    std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+    std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     Nibs().erase(reinterpret_cast<uintptr_t>(inNibRef));
 }
 
 OSStatus CreateWindowFromNib(IBNibRef inNibRef, CFStringRef inName, WindowRef* outWindow) {
-    if (plat::RefusedOffMainThread("CreateWindowFromNib")) {
+    if (PlatRefusedOffMainThread("CreateWindowFromNib")) {
         return eventInternalErr;
     }
     if (outWindow == nullptr) {
@@ -492,7 +489,7 @@ OSStatus CreateWindowFromNib(IBNibRef inNibRef, CFStringRef inName, WindowRef* o
     }
     std::shared_ptr<const NibRec> nib;
     {
-        std::lock_guard<std::recursive_mutex> lock(plat::ModelLock());
+        std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
         auto it = Nibs().find(reinterpret_cast<uintptr_t>(inNibRef));
         if (it == Nibs().end()) {
             return paramErr;
@@ -511,10 +508,10 @@ OSStatus CreateWindowFromNib(IBNibRef inNibRef, CFStringRef inName, WindowRef* o
     if (std::strcmp(object->second.attribute("class").value(), "IBCarbonWindow") != 0) {
         return kIBCarbonRuntimeObjectNotOfRequestedType;
     }
-    WindowDef window;
+    PlatWindowDef window;
     window.name = name;
     if (!ParseWindow(object->second, window)) {
         return kIBCarbonRuntimeObjectNotOfRequestedType;
     }
-    return plat::CreateWindowFromDef(window, outWindow);
+    return PlatCreateWindowFromDef(window, outWindow);
 }

@@ -8,9 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace plat {
-
-struct ControlDef {
+struct PlatControlDef {
     PlatControlKind kind;
     PlatRect frame;
     ControlID id; /* {0, 0}: a control nobody looks up */
@@ -22,19 +20,17 @@ struct ControlDef {
     std::string picture; /* image view: a resource of the main bundle */
 };
 
-struct WindowDef {
+struct PlatWindowDef {
     std::string name;
     std::string title;
     int width = 0;
     int height = 0;
     bool closeBox = false;
-    std::vector<ControlDef> controls;
+    std::vector<PlatControlDef> controls;
 };
 
 /* Builds an invisible window from its description and has the backend (chosen
  * now if this is the first window) build its native side. */
-OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow);
-
-} // namespace plat
+OSStatus PlatCreateWindowFromDef(const PlatWindowDef& def, WindowRef* outWindow);
 
 #endif

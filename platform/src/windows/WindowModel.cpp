@@ -6,7 +6,7 @@
  * PlatGetControlInfo, and turns the user's input into events with
  * PlatPostControlHit and PlatPostWindowClose, posted to the main queue. Like the
  * Mac's, all of it belongs to the main thread: a call from another thread is
- * refused (RefusedOffMainThread). */
+ * refused (PlatRefusedOffMainThread). */
 #include "backends/BackendInternal.h"
 #include "events/EventInternal.h"
 #include "windows/WindowInternal.h"
@@ -101,7 +101,7 @@ WindowRec* NewestByName(const char* name) {
 }
 
 const PlatBackendOps* Backend() {
-    return plat::CurrentBackend();
+    return PlatCurrentBackend();
 }
 
 /* An idle loop waits in the backend's pump(); another thread wakes it there. */
@@ -110,7 +110,7 @@ void WaitInBackend() {
     if (backend != nullptr && backend->pump != nullptr) {
         backend->pump(-1);
     } else {
-        plat::WaitForWake(-1);
+        PlatWaitForWake(-1);
     }
 }
 
@@ -207,13 +207,13 @@ std::vector<CFStringRef> EraseWindow(uintptr_t id) {
         if (control == M().controls.end()) {
             continue;
         }
-        plat::DestroyTarget(control->second.target);
+        PlatDestroyTarget(control->second.target);
         if (control->second.textRef != nullptr) {
             strings.push_back(control->second.textRef);
         }
         M().controls.erase(control);
     }
-    plat::DestroyTarget(it->second.target);
+    PlatDestroyTarget(it->second.target);
     M().windows.erase(it);
     return strings;
 }
@@ -258,20 +258,18 @@ bool ModalLoopDone(void* context) {
 
 } // namespace
 
-namespace plat {
-
-OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
+OSStatus PlatCreateWindowFromDef(const PlatWindowDef& def, WindowRef* outWindow) {
     *outWindow = nullptr;
-    const PlatBackendOps* backend = AcquireBackend();
+    const PlatBackendOps* backend = PlatAcquireBackend();
     if (backend == nullptr) {
         return errInvalidWindowPtr; /* the window code could not be loaded */
     }
-    SetLoopWaiter(WaitInBackend, WakeBackend);
+    PlatSetLoopWaiter(WaitInBackend, WakeBackend);
 
     /* Pictures are decoded before the model is touched: it takes the disk. */
     std::vector<ControlRec> controls(def.controls.size());
     for (size_t i = 0; i < def.controls.size(); i++) {
-        const ControlDef& d = def.controls[i];
+        const PlatControlDef& d = def.controls[i];
         ControlRec& c = controls[i];
         c.isRoot = false;
         c.kind = d.kind;
@@ -284,30 +282,30 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
         }
     }
 
-    uintptr_t id = NewObjectId();
+    uintptr_t id = PlatNewObjectId();
     {
-        Lock lock(ModelLock());
+        Lock lock(PlatModelLock());
         WindowRec window;
-        window.target = CreateTarget(GetApplicationEventTarget());
+        window.target = PlatCreateTarget(GetApplicationEventTarget());
         window.nibName = def.name;
         window.title = def.title;
         window.width = def.width;
         window.height = def.height;
         window.closeBox = def.closeBox;
 
-        window.root = NewObjectId();
+        window.root = PlatNewObjectId();
         ControlRec root{};
         root.window = id;
-        root.target = CreateTarget(window.target);
+        root.target = PlatCreateTarget(window.target);
         root.isRoot = true;
         root.frame = PlatRect{0, 0, def.width, def.height};
         M().controls[window.root] = std::move(root);
 
         for (size_t i = 0; i < controls.size(); i++) {
-            uintptr_t controlId = NewObjectId();
+            uintptr_t controlId = PlatNewObjectId();
             ControlRec& c = controls[i];
             c.window = id;
-            c.target = CreateTarget(window.target);
+            c.target = PlatCreateTarget(window.target);
             M().controls[controlId] = std::move(c);
             window.controls.push_back(controlId);
             /* A nib's default and cancel button types mark the window's buttons, as when
@@ -332,27 +330,25 @@ OSStatus CreateWindowFromDef(const WindowDef& def, WindowRef* outWindow) {
     if (status != noErr) {
         std::vector<CFStringRef> strings;
         {
-            Lock lock(ModelLock());
+            Lock lock(PlatModelLock());
             strings = EraseWindow(id);
         }
         ReleaseAll(strings);
-        ReleaseBackend();
+        PlatReleaseBackend();
         return status;
     }
     *outWindow = window;
     return noErr;
 }
 
-} // namespace plat
-
 /* ---- Windows ---- */
 
 void ShowWindow(WindowRef window) {
-    if (plat::RefusedOffMainThread("ShowWindow")) {
+    if (PlatRefusedOffMainThread("ShowWindow")) {
         return;
     }
     {
-        Lock lock(plat::ModelLock());
+        Lock lock(PlatModelLock());
         WindowRec* rec = LiveWindow(window);
         if (rec == nullptr || rec->visible) {
             return;
@@ -365,11 +361,11 @@ void ShowWindow(WindowRef window) {
 }
 
 void DisposeWindow(WindowRef window) {
-    if (plat::RefusedOffMainThread("DisposeWindow")) {
+    if (PlatRefusedOffMainThread("DisposeWindow")) {
         return;
     }
     {
-        Lock lock(plat::ModelLock());
+        Lock lock(PlatModelLock());
         WindowRec* rec = LiveWindow(window);
         if (rec == nullptr) {
             return;
@@ -382,53 +378,53 @@ void DisposeWindow(WindowRef window) {
     }
     std::vector<CFStringRef> strings;
     {
-        Lock lock(plat::ModelLock());
+        Lock lock(PlatModelLock());
         strings = EraseWindow(IdOf(window));
     }
     ReleaseAll(strings);
-    plat::ReleaseBackend();
+    PlatReleaseBackend();
 }
 
 Boolean IsValidWindowPtr(WindowRef possibleWindow) {
-    if (plat::RefusedOffMainThread("IsValidWindowPtr")) {
+    if (PlatRefusedOffMainThread("IsValidWindowPtr")) {
         return false;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     return LiveWindow(possibleWindow) != nullptr;
 }
 
 Boolean IsWindowVisible(WindowRef window) {
-    if (plat::RefusedOffMainThread("IsWindowVisible")) {
+    if (PlatRefusedOffMainThread("IsWindowVisible")) {
         return false;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     WindowRec* rec = LiveWindow(window);
     return rec != nullptr && rec->visible;
 }
 
 EventTargetRef GetWindowEventTarget(WindowRef inWindow) {
-    if (plat::RefusedOffMainThread("GetWindowEventTarget")) {
+    if (PlatRefusedOffMainThread("GetWindowEventTarget")) {
         return nullptr;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     WindowRec* rec = LiveWindow(inWindow);
     return rec == nullptr ? nullptr : rec->target;
 }
 
 EventTargetRef GetControlEventTarget(ControlRef inControl) {
-    if (plat::RefusedOffMainThread("GetControlEventTarget")) {
+    if (PlatRefusedOffMainThread("GetControlEventTarget")) {
         return nullptr;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     ControlRec* rec = LiveControl(inControl);
     return rec == nullptr ? nullptr : rec->target;
 }
 
 EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
-    if (plat::RefusedOffMainThread("HIObjectGetEventTarget")) {
+    if (PlatRefusedOffMainThread("HIObjectGetEventTarget")) {
         return nullptr;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     if (WindowRec* window = LiveWindow(reinterpret_cast<WindowRef>(inObject))) {
         return window->target;
     }
@@ -443,7 +439,7 @@ EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
 static OSStatus SetWindowButton(WindowRef inWindow, ControlRef inControl, uintptr_t WindowRec::*button) {
     uintptr_t old = 0;
     {
-        Lock lock(plat::ModelLock());
+        Lock lock(PlatModelLock());
         WindowRec* window = LiveWindow(inWindow);
         if (window == nullptr) {
             return errInvalidWindowRef;
@@ -472,7 +468,7 @@ static OSStatus GetWindowButton(WindowRef inWindow, ControlRef* outControl, uint
         return paramErr;
     }
     *outControl = nullptr;
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     WindowRec* window = LiveWindow(inWindow);
     if (window == nullptr) {
         return errInvalidWindowRef;
@@ -500,7 +496,7 @@ OSStatus GetWindowCancelButton(WindowRef inWindow, ControlRef* outControl) {
 /* ---- Controls ---- */
 
 OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* outControl) {
-    if (plat::RefusedOffMainThread("GetControlByID")) {
+    if (PlatRefusedOffMainThread("GetControlByID")) {
         return eventInternalErr;
     }
     if (outControl != nullptr) {
@@ -509,7 +505,7 @@ OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* o
     if (inID == nullptr || outControl == nullptr) {
         return paramErr;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     WindowRec* window = LiveWindow(inWindow);
     if (window == nullptr) {
         return errInvalidWindowRef;
@@ -525,23 +521,23 @@ OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* o
 }
 
 HIViewRef HIViewGetRoot(WindowRef inWindow) {
-    if (plat::RefusedOffMainThread("HIViewGetRoot")) {
+    if (PlatRefusedOffMainThread("HIViewGetRoot")) {
         return nullptr;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     WindowRec* rec = LiveWindow(inWindow);
     return rec == nullptr ? nullptr : reinterpret_cast<HIViewRef>(rec->root);
 }
 
 OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outControl) {
-    if (plat::RefusedOffMainThread("HIViewFindByID")) {
+    if (PlatRefusedOffMainThread("HIViewFindByID")) {
         return eventInternalErr;
     }
     if (outControl == nullptr) {
         return paramErr;
     }
     *outControl = nullptr;
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     ControlRec* start = LiveControl(inStartView);
     if (start == nullptr) {
         return paramErr;
@@ -560,7 +556,7 @@ OSStatus HIViewFindByID(HIViewRef inStartView, HIViewID inID, HIViewRef* outCont
 
 OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, Size inSize,
                      const void* inData) {
-    if (plat::RefusedOffMainThread("SetControlData")) {
+    if (PlatRefusedOffMainThread("SetControlData")) {
         return OSErr(eventInternalErr);
     }
     if (inData == nullptr) {
@@ -569,7 +565,7 @@ OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, S
     CFStringRef old = nullptr;
     WindowRef window = nullptr;
     {
-        Lock lock(plat::ModelLock());
+        Lock lock(PlatModelLock());
         ControlRec* rec = LiveControl(inControl);
         if (rec == nullptr) {
             return paramErr;
@@ -602,12 +598,12 @@ OSErr SetControlData(ControlRef inControl, ControlPartCode, ResType inTagName, S
 }
 
 OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage) {
-    if (plat::RefusedOffMainThread("HIImageViewSetImage")) {
+    if (PlatRefusedOffMainThread("HIImageViewSetImage")) {
         return eventInternalErr;
     }
     WindowRef window = nullptr;
     {
-        Lock lock(plat::ModelLock());
+        Lock lock(PlatModelLock());
         ControlRec* rec = LiveControl(inView);
         if (rec == nullptr || rec->isRoot || rec->kind != kPlatControlImageView) {
             return paramErr;
@@ -629,7 +625,7 @@ OSStatus HIImageViewSetImage(HIViewRef inView, CGImageRef inImage) {
 /* ---- Modal loops ---- */
 
 OSStatus RunAppModalLoopForWindow(WindowRef inWindow) {
-    if (plat::RefusedOffMainThread("RunAppModalLoopForWindow")) {
+    if (PlatRefusedOffMainThread("RunAppModalLoopForWindow")) {
         return eventInternalErr;
     }
     if (!IsValidWindowPtr(inWindow)) {
@@ -637,7 +633,7 @@ OSStatus RunAppModalLoopForWindow(WindowRef inWindow) {
     }
     ModalFrame frame{inWindow, false};
     gModalFrames.push_back(&frame);
-    plat::RunLoopUntil(ModalLoopDone, &frame);
+    PlatRunLoopUntil(ModalLoopDone, &frame);
     gModalFrames.erase(std::find(gModalFrames.begin(), gModalFrames.end(), &frame));
     return noErr;
 }
@@ -645,7 +641,7 @@ OSStatus RunAppModalLoopForWindow(WindowRef inWindow) {
 /* Ends the innermost modal loop running for the window, once the running handler
  * has returned. */
 OSStatus QuitAppModalLoopForWindow(WindowRef inWindow) {
-    if (plat::RefusedOffMainThread("QuitAppModalLoopForWindow")) {
+    if (PlatRefusedOffMainThread("QuitAppModalLoopForWindow")) {
         return eventInternalErr;
     }
     if (!IsValidWindowPtr(inWindow)) {
@@ -663,7 +659,7 @@ OSStatus QuitAppModalLoopForWindow(WindowRef inWindow) {
 /* ---- The model, for backends ---- */
 
 Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info) {
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     auto it = M().windows.find(IdOf(window));
     if (info == nullptr || it == M().windows.end()) {
         return false;
@@ -680,7 +676,7 @@ Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info) {
 }
 
 Boolean PlatGetControlInfo(WindowRef window, size_t index, PlatControlInfo* info) {
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     auto it = M().windows.find(IdOf(window));
     if (info == nullptr || it == M().windows.end() || index >= it->second.controls.size()) {
         return false;
@@ -721,7 +717,7 @@ Boolean PlatScriptIsVisible(const char* windowName) {
     if (windowName == nullptr) {
         return false;
     }
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     for (const auto& [id, window] : M().windows) {
         if (!window.disposing && window.visible && window.nibName == windowName) {
             return true;
@@ -736,7 +732,7 @@ Boolean PlatScriptGetControlText(const char* windowName, OSType signature, SInt3
         return false;
     }
     buffer[0] = '\0';
-    Lock lock(plat::ModelLock());
+    Lock lock(PlatModelLock());
     WindowRec* window = NewestByName(windowName);
     if (window == nullptr) {
         return false;

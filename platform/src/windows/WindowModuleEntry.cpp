@@ -14,8 +14,8 @@ const PlatWindowModule kModule = {
     CGDataProviderRelease, CGImageCreateWithPNGDataProvider,
     CGImageGetWidth,       CGImageGetHeight,
     PlatCGImageGetRGBA,    CGImageRelease,
-    plat::AcquireBackend,  plat::ReleaseBackend,
-    plat::CurrentBackend,  PlatSetBackend,
+    PlatAcquireBackend,    PlatReleaseBackend,
+    PlatCurrentBackend,    PlatSetBackend,
     PlatGetBackendName,
 };
 

@@ -5,7 +5,7 @@
 #include "windows/WindowModule.h"
 
 #include "backends/BackendInternal.h"
-#include "cf/CFInternal.h"
+#include "cf/PlatCF.h"
 
 #include <PlatformTesting.h>
 
@@ -30,7 +30,7 @@ const PlatWindowModule* Open() {
         return PlatWindowModuleEntry();
     }
     std::string error;
-    auto entry = reinterpret_cast<const PlatWindowModule* (*)(void)>(CFInternalOpenPlugIn(
+    auto entry = reinterpret_cast<const PlatWindowModule* (*)(void)>(PlatCFOpenPlugIn(
         PLAT_WINDOW_MODULE_NAME, PLAT_WINDOW_MODULE_FALLBACK, PLAT_WINDOW_MODULE_ENTRY, &error));
     if (entry != nullptr) {
         return entry();
@@ -124,26 +124,22 @@ void CGImageRelease(CGImageRef image) {
     }
 }
 
-namespace plat {
-
-const PlatBackendOps* AcquireBackend() {
+const PlatBackendOps* PlatAcquireBackend() {
     const PlatWindowModule* module = Load();
     return module != nullptr ? module->acquireBackend() : nullptr;
 }
 
-void ReleaseBackend() {
+void PlatReleaseBackend() {
     if (const PlatWindowModule* module = Loaded()) {
         module->releaseBackend();
     }
 }
 
 /* Asked by every loop round: never loads the module, which no window has needed yet. */
-const PlatBackendOps* CurrentBackend() {
+const PlatBackendOps* PlatCurrentBackend() {
     const PlatWindowModule* module = Loaded();
     return module != nullptr ? module->currentBackend() : nullptr;
 }
-
-} // namespace plat
 
 void PlatSetBackend(const char* name) {
     if (const PlatWindowModule* module = Load()) {
