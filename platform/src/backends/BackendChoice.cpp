@@ -35,9 +35,8 @@ bool IsSet(const char* variable) {
 /* The gtk module's backend, or null when there is no module or GTK cannot start.
  * A module once loaded stays loaded: GTK cannot be unloaded. */
 const PlatBackendOps* LoadGtkModule() {
-    std::string error;
-    auto entry = reinterpret_cast<PlatBackendEntry>(
-        PlatCFOpenPlugIn(PLAT_GTK_MODULE_NAME, PLAT_GTK_MODULE_FALLBACK, PLAT_GTK_MODULE_ENTRY, &error));
+    auto entry =
+        reinterpret_cast<PlatBackendEntry>(PlatCFOpenPlugIn(PLAT_GTK_MODULE_NAME, PLAT_GTK_MODULE_ENTRY));
     return entry != nullptr ? entry() : nullptr;
 }
 

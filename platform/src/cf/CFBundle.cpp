@@ -19,7 +19,7 @@ struct __CFBundle {
     PlatCFBase base;
     std::string path;       /* bundle folder, no trailing "/" */
     std::string executable; /* absolute path of the executable */
-    bool isApplication;     /* executable in <path>/Contents/MacOS */
+    bool isApplication;     /* executable in <path>/Contents/MacOS or <path>/Contents/Linux */
 };
 static_assert(std::is_standard_layout_v<__CFBundle>, "the base must sit at the object's address");
 
@@ -77,14 +77,22 @@ CFBundleRef CFBundleGetMainBundle(void) {
     if (slash == std::string::npos || slash + 1 == executable.size())
         return nullptr;
     std::string folder = executable.substr(0, slash);
-    static const std::string kMacOS = "/Contents/MacOS";
+    /* The Mac's program and the Linux one sit side by side in the same bundle. */
+    bool isApplication = false;
+    for (const std::string suffix : {"/Contents/MacOS", "/Contents/Linux"}) {
+        if (folder.size() >= suffix.size() &&
+            folder.compare(folder.size() - suffix.size(), suffix.size(), suffix) == 0) {
+            isApplication = true;
+            folder.resize(folder.size() - suffix.size());
+            break;
+        }
+    }
     auto* bundle = new __CFBundle;
     PlatCFInit(&bundle->base, &kBundleClass);
     bundle->base.immortal = true;
     bundle->executable = executable;
-    bundle->isApplication = folder.size() >= kMacOS.size() &&
-                            folder.compare(folder.size() - kMacOS.size(), kMacOS.size(), kMacOS) == 0;
-    bundle->path = bundle->isApplication ? folder.substr(0, folder.size() - kMacOS.size()) : folder;
+    bundle->isApplication = isApplication;
+    bundle->path = folder;
     if (bundle->path.empty())
         bundle->path = "/";
     gMainBundle = bundle;
@@ -108,32 +116,6 @@ CFURLRef CFBundleCopyBundleURL(CFBundleRef bundle) {
 CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle) {
     const __CFBundle* object = AsBundle(bundle);
     return object == nullptr ? nullptr : PlatCFURLCreateWithPath(object->executable, false);
-}
-
-/* ---- Plug-ins ---- */
-void* PlatCFOpenPlugIn(const char* fileName, const char* fallbackPath, const char* entryName,
-                       std::string* error) {
-    std::string inBundle;
-    if (const __CFBundle* bundle = AsBundle(CFBundleGetMainBundle())) {
-        inBundle = bundle->path + "/Contents/PlugIns/" + fileName;
-    }
-    for (const std::string& path : {inBundle, std::string(fallbackPath)}) {
-        if (path.empty()) {
-            continue;
-        }
-        void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (module == nullptr) {
-            const char* reason = dlerror();
-            *error = reason != nullptr ? reason : path;
-            continue;
-        }
-        if (void* entry = dlsym(module, entryName)) {
-            return entry;
-        }
-        dlclose(module);
-        *error = path + ": no " + entryName;
-    }
-    return nullptr;
 }
 
 /* ---- Languages ---- */

@@ -75,11 +75,13 @@ void PlatCFDecodeMacRoman(std::string_view bytes, std::u16string& out);
  * device reads as absent); false and no bytes otherwise. */
 bool PlatCFReadRegularFile(const std::string& path, size_t limit, std::string& bytes);
 
-/* The entry point of a plug-in of the main bundle: <bundle>/Contents/PlugIns/<fileName>
- * opened with dlopen, else the copy at fallbackPath; null when neither opens or has the
- * entry (error then says why). A plug-in once opened stays open. */
-void* PlatCFOpenPlugIn(const char* fileName, const char* fallbackPath, const char* entryName,
-                       std::string* error);
+/* The main bundle's plug-in folder, <bundle>/Contents/Linux/PlugIns; empty without a bundle. */
+std::string PlatCFPlugInsFolder();
+/* The entry point of the plug-in fileName of that folder, opened with dlopen once it is seen
+ * to be a whole shared object of this machine. Null when it is not there, is no such object,
+ * does not load or lacks the entry: one line on standard error then names it and says why.
+ * A plug-in once opened stays open. */
+void* PlatCFOpenPlugIn(const char* fileName, const char* entryName);
 
 /* The user's locale as bundles read it (LC_ALL, LC_MESSAGES, LANG: the first set), without
  * its encoding or modifier: "de_DE" for "de_DE.UTF-8"; empty when none is set. */

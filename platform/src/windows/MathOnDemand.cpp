@@ -1,0 +1,47 @@
+/* The calls of the C library's libm that the picture and nib readers make. libm is
+ * a library of its own on Linux: linked as usual, every run would map it at start, windows
+ * or not. These take its place in the program and open it at their first call, as the
+ * window code used to be opened. They are not exported, so a library loaded later (GTK)
+ * still reaches libm itself. */
+#include <dlfcn.h>
+#include <math.h>
+
+namespace {
+
+/* libm's own copy of a call; null when libm cannot be opened, which a glibc system does not
+ * allow (libm is part of it). */
+template <typename Function> Function* FromLibm(const char* name) {
+    static void* const libm = dlopen("libm.so.6", RTLD_NOW | RTLD_LOCAL);
+    return libm != nullptr ? reinterpret_cast<Function*>(dlsym(libm, name)) : nullptr;
+}
+
+} // namespace
+
+extern "C" {
+
+double pow(double x, double y) {
+    static auto* const call = FromLibm<double(double, double)>("pow");
+    return call != nullptr ? call(x, y) : NAN;
+}
+
+double fmod(double x, double y) {
+    static auto* const call = FromLibm<double(double, double)>("fmod");
+    return call != nullptr ? call(x, y) : NAN;
+}
+
+double floor(double x) {
+    static auto* const call = FromLibm<double(double)>("floor");
+    return call != nullptr ? call(x) : NAN;
+}
+
+double frexp(double x, int* exponent) {
+    static auto* const call = FromLibm<double(double, int*)>("frexp");
+    return call != nullptr ? call(x, exponent) : NAN;
+}
+
+double modf(double x, double* integral) {
+    static auto* const call = FromLibm<double(double, double*)>("modf");
+    return call != nullptr ? call(x, integral) : NAN;
+}
+
+} // extern "C"
