@@ -36,6 +36,7 @@ class TempBundle {
         kestrun_test::WriteFile(Resources() + "/" + relative, bytes);
     }
     std::string Resources() const { return path_ + "/Contents/Resources"; }
+    std::string PlugIns() const { return path_ + "/Contents/Linux/PlugIns"; }
 
   private:
     kestrun_test::TempDir root_;

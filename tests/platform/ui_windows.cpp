@@ -1,6 +1,12 @@
 // Windows from nibs: the Carbon errors, the nibs Interface Builder writes, and the languages.
 #include "support.h"
 
+#include "backends/BackendInternal.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <iterator>
 #include <tuple>
 
@@ -323,3 +329,80 @@ TEST(Nibs, BundleHasEveryLanguage) {
 }
 
 } // namespace
+
+namespace {
+
+// What standard error received while fn ran.
+std::string StandardErrorOf(const std::function<void()>& fn) {
+    kestrun_test::TempDir folder;
+    std::string path = folder / "stderr.txt";
+    fflush(stderr);
+    int saved = dup(STDERR_FILENO);
+    int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(file, STDERR_FILENO);
+    close(file);
+    fn();
+    fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    return kestrun_test::ReadFile(path);
+}
+
+} // namespace
+
+// The GTK module comes from the bundle's plug-in folder alone, and only when it is a whole
+// shared object of this machine with the module's entry; anything else is refused with one
+// line naming it and the reason, before the loader maps it (a pipe would hang the loader, a
+// cut file kill it with SIGBUS), and the choice goes on as without a module.
+TEST(PlugIns, OnlyAWholeModuleOfTheBundleIsLoaded) {
+    namespace fs = std::filesystem;
+    TempBundle bundle;
+    const std::string module = bundle.PlugIns() + "/PlatformGtk.so";
+    const std::string moduleBytes = kestrun_test::ReadFile(PLAT_TEST_MODULE);
+    ASSERT_GT(moduleBytes.size(), 4096u);
+    std::string otherMachine = moduleBytes;
+    otherMachine[18] = static_cast<char>(otherMachine[18] ^ 0x7f); // e_machine
+    const char* const fallback = isatty(STDIN_FILENO) ? "terminal" : "none";
+
+    const struct {
+        const char* what;
+        std::function<void()> make;
+        const char* reason;
+    } cases[] = {
+        {"missing", [] {}, "missing"},
+        {"a text file", [&] { kestrun_test::WriteFile(module, "not a library\n"); }, "not a shared object"},
+        {"a folder", [&] { fs::create_directories(module); }, "not a regular file"},
+        {"a named pipe", [&] { ASSERT_EQ(mkfifo(module.c_str(), 0600), 0); }, "not a regular file"},
+        {"a copy cut to 4 KiB", [&] { kestrun_test::WriteFile(module, moduleBytes.substr(0, 4096)); },
+         "cut short"},
+        {"a module of another machine", [&] { kestrun_test::WriteFile(module, otherMachine); },
+         "another machine"},
+        {"another library", [&] { fs::copy_file(PLAT_TEST_OTHER_LIBRARY, module); }, "no PlatGtkBackend"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        fs::create_directories(bundle.PlugIns());
+        c.make();
+        PlatSetBackend("gtk");
+        std::string said = StandardErrorOf([] {
+            ASSERT_NE(PlatAcquireBackend(), nullptr);
+            PlatReleaseBackend();
+        });
+        EXPECT_STREQ(PlatGetBackendName(), fallback);
+        EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+        EXPECT_NE(said.find(module), std::string::npos) << said;
+        EXPECT_NE(said.find(c.reason), std::string::npos) << said;
+        fs::remove_all(bundle.PlugIns());
+    }
+
+    // The same module whole is taken, and says nothing.
+    kestrun_test::WriteFile(module, moduleBytes);
+    PlatSetBackend("gtk");
+    std::string said = StandardErrorOf([] {
+        ASSERT_NE(PlatAcquireBackend(), nullptr);
+        PlatReleaseBackend();
+    });
+    EXPECT_STREQ(PlatGetBackendName(), "test-module");
+    EXPECT_EQ(said, "");
+    PlatSetBackend(nullptr);
+}
