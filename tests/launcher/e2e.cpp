@@ -2,7 +2,10 @@
  * recording open command first on PATH and within a time limit, the fixed paths put back. */
 #include "support.h"
 
+#include <glob.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
 
 #include <memory>
 #include <tuple>
@@ -60,15 +63,17 @@ class EndToEnd : public ::testing::Test {
     // Runs the bundle's launcher without display, within a time limit. Without a terminal its
     // input is /dev/null; on one, `answer` is typed once `prompt` shows.
     RunResult Launch(const std::string& bundle, bool terminal = false, const std::string& prompt = "",
-                     const std::string& answer = "") {
+                     const std::string& answer = "", const std::function<void()>& setup = nullptr) {
         for (const std::string& path : {kLogFile, report_, started_, opened_})
             fs::remove(path);
         RunResult run;
         int screen = -1;
-        pid_t child = StartLauncher(bundle, bin_, temp_ / "out.txt", terminal ? &screen : nullptr, [] {
+        pid_t child = StartLauncher(bundle, bin_, temp_ / "out.txt", terminal ? &screen : nullptr, [&setup] {
             unsetenv("DISPLAY");
             unsetenv("WAYLAND_DISPLAY");
             setenv("TERM", "xterm", 1);
+            if (setup)
+                setup();
         });
         // The screen read until nothing more comes, the answer typed once the prompt shows.
         bool answered = prompt.empty();
@@ -223,4 +228,37 @@ TEST_F(EndToEnd, QuestionBox) {
         EXPECT_EQ(answer == kHangUp || answer == "\x04",
                   FindMessage(run.log, "Close messageBox window") >= 0);
     }
+}
+
+// The bundle brings its XML and PNG readers: with the system's copies of pugixml, libpng and
+// zlib hidden (an empty file mounted over each, in a mount namespace of the launcher's own)
+// the question box still comes up on a terminal and Return installs.
+TEST_F(EndToEnd, QuestionBoxWithoutTheSystemsXmlAndPngLibraries) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "hiding the system's libraries takes a mount namespace, which takes root";
+    std::vector<std::string> hidden;
+    for (const char* pattern : {"/usr/lib/*/libpugixml.so*", "/usr/lib/*/libpng16.so*", "/usr/lib/*/libz.so*",
+                                "/lib/*/libz.so*", "/lib/*/libpng16.so*"}) {
+        glob_t found = {};
+        if (glob(pattern, 0, nullptr, &found) == 0)
+            hidden.insert(hidden.end(), found.gl_pathv, found.gl_pathv + found.gl_pathc);
+        globfree(&found);
+    }
+    ASSERT_FALSE(hidden.empty()) << "no system copy of the libraries to hide";
+    Install(SysConfig(2, 0, 1, 0, 0, 0));
+    setenv("LANG", "C.UTF-8", 1);
+    const std::string prompt = "Type the name of a button";
+    // A child that cannot hide them ends with 99 instead of starting the launcher.
+    RunResult run = Launch(Disc("Volumes/hidden/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)), true,
+                           prompt, "\n", [&hidden] {
+                               if (unshare(CLONE_NEWNS) != 0 ||
+                                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+                                   _exit(99);
+                               for (const std::string& library : hidden) {
+                                   if (mount("/dev/null", library.c_str(), nullptr, MS_BIND, nullptr) != 0)
+                                       _exit(99);
+                               }
+                           });
+    EXPECT_NE(run.output.find(prompt), std::string::npos) << run.output;
+    EXPECT_GE(FindMessage(run.log, "AutoInstallPkg Enter"), 0) << run.output;
 }
