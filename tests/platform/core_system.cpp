@@ -4,10 +4,17 @@
 
 #include "system/PlatProc.h"
 
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <sys/sysctl.h>
+#include <sys/wait.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstddef>
+#include <map>
 #include <type_traits>
 #include <png.h>
 
@@ -128,6 +135,88 @@ TEST(Sysctl, ShortBufferForTheProcessTable) {
     EXPECT_EQ(sysctl(all, 3, buffer.data(), &size, nullptr, 0), -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(buffer[sizeof(struct kinfo_proc)], 0xAB) << "wrote past the given size";
+}
+
+// A sleeping process named by its first argument, run as uid (-1: as the test), or -1; it
+// has started once /proc shows its executable under that owner.
+pid_t Sleeper(const char* name, uid_t uid = static_cast<uid_t>(-1), gid_t gid = 0) {
+    pid_t child = fork();
+    if (child == 0) {
+        if (uid != static_cast<uid_t>(-1) &&
+            (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0))
+            _exit(127);
+        execl("/bin/sleep", name, "30", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    const std::string folder = "/proc/" + std::to_string(child);
+    for (int tries = 0; child > 0 && tries < 500; tries++) {
+        struct stat info;
+        char target[256] = {};
+        bool execd = readlink((folder + "/exe").c_str(), target, sizeof target - 1) > 0 &&
+                     std::string(target).find("sleep") != std::string::npos;
+        if (stat(folder.c_str(), &info) == 0 && (uid == static_cast<uid_t>(-1) || info.st_uid == uid) &&
+            (uid != static_cast<uid_t>(-1) || execd))
+            return child;
+        usleep(10000);
+    }
+    return -1;
+}
+
+// The pids the Process Manager walks, each with the name GetProcessInformation gives it.
+std::map<pid_t, std::string> Walk() {
+    std::map<pid_t, std::string> seen;
+    ProcessSerialNumber psn = {0, kNoProcess};
+    while (GetNextProcess(&psn) == noErr) {
+        unsigned char name[256] = {};
+        ProcessInfoRec info = {};
+        info.processInfoLength = sizeof info;
+        info.processName = name;
+        seen[static_cast<pid_t>(psn.lowLongOfPSN)] =
+            GetProcessInformation(&psn, &info) == noErr ? std::string(name + 1, name + 1 + name[0]) : "?";
+    }
+    return seen;
+}
+
+// The walk lists the calling user's processes alone: another user's process named like one
+// the launcher looks for (by its first argument, its executable being unreadable) is not
+// there, nor can it be asked about, while the kernel's table of every process still has it.
+TEST(ProcessManager, WalkShowsTheCallersProcessesOnly) {
+    pid_t own = Sleeper("KestrunOwnSleeper");
+    ASSERT_GT(own, 0);
+    std::map<pid_t, std::string> seen = Walk();
+    EXPECT_EQ(seen[own], "sleep");
+    EXPECT_EQ(seen[getpid()], "platform_core_tests");
+    kill(own, SIGKILL);
+    waitpid(own, nullptr, 0);
+
+    if (geteuid() != 0)
+        GTEST_SKIP() << "a process of another user takes a second account, which takes root to make";
+    const std::string account = "kestrun-t" + std::to_string(getpid());
+    ASSERT_EQ(std::system(("useradd --system --no-create-home --shell /usr/sbin/nologin " + account).c_str()),
+              0);
+    struct passwd* entry = getpwnam(account.c_str());
+    ASSERT_NE(entry, nullptr);
+    pid_t other = Sleeper("UpdateWizard", entry->pw_uid, entry->pw_gid);
+    EXPECT_GT(other, 0);
+    seen = Walk();
+    EXPECT_EQ(seen.count(other), 0u) << seen[other];
+    ProcessSerialNumber otherPsn = {1, static_cast<UInt32>(other)};
+    ProcessInfoRec info = {};
+    info.processInfoLength = sizeof info;
+    EXPECT_EQ(GetProcessInformation(&otherPsn, &info), procNotFound);
+    int all[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
+    size_t size = 0;
+    ASSERT_EQ(sysctl(all, 3, nullptr, &size, nullptr, 0), 0);
+    std::vector<struct kinfo_proc> table(size / sizeof(struct kinfo_proc));
+    ASSERT_EQ(sysctl(all, 3, table.data(), &size, nullptr, 0), 0);
+    table.resize(size / sizeof(struct kinfo_proc));
+    EXPECT_TRUE(std::any_of(table.begin(), table.end(),
+                            [other](const kinfo_proc& p) { return p.kp_proc.p_pid == other; }));
+    if (other > 0) {
+        kill(other, SIGKILL);
+        waitpid(other, nullptr, 0);
+    }
+    EXPECT_EQ(std::system(("userdel " + account).c_str()), 0);
 }
 
 // The size of the picture at path, and its pixels as RGBA rows; else "no file" or "no image".

@@ -58,7 +58,6 @@ typedef ProcessInfoRec* ProcessInfoRecPtr;
 
 enum { kNoProcess = 0, kSystemProcess = 1, kCurrentProcess = 2 };
 
-OSErr GetCurrentProcess(ProcessSerialNumber* PSN);
 OSErr GetNextProcess(ProcessSerialNumber* PSN);
 /* processName, when not null, receives up to 255 bytes of name after a length
  * byte. processAppRef is not filled. */

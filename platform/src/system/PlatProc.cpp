@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <mutex>
 #include <unistd.h>
 
@@ -95,7 +96,6 @@ bool PlatProcReadStat(pid_t pid, PlatProcStat& stat) {
     stat.state = fields[0][0];
     stat.ppid = static_cast<pid_t>(number(1));
     stat.pgrp = static_cast<pid_t>(number(2));
-    stat.session = static_cast<pid_t>(number(3));
     stat.ttyNumber = static_cast<int>(number(4));
     stat.ttyProcessGroup = static_cast<pid_t>(number(5));
     stat.nice = static_cast<long>(number(16));
@@ -105,6 +105,11 @@ bool PlatProcReadStat(pid_t pid, PlatProcStat& stat) {
     stat.startTicks = unsignedNumber(19);
     stat.virtualSize = unsignedNumber(20);
     return true;
+}
+
+bool PlatProcIsTheUsers(pid_t pid) {
+    struct stat info;
+    return stat(ProcPath(pid, "").c_str(), &info) == 0 && info.st_uid == getuid();
 }
 
 bool PlatProcCommandName(pid_t pid, std::string& name) {

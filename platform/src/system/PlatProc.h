@@ -18,7 +18,6 @@ struct PlatProcStat {
     char state = '?';
     pid_t ppid = 0;
     pid_t pgrp = 0;
-    pid_t session = 0;
     int ttyNumber = 0;
     pid_t ttyProcessGroup = 0;
     long nice = 0;
@@ -26,6 +25,10 @@ struct PlatProcStat {
     unsigned long long virtualSize = 0;
 };
 bool PlatProcReadStat(pid_t pid, PlatProcStat& stat);
+
+/* The process runs as the calling user: its /proc folder is the user's. (The kernel gives
+ * a process that may not be looked into, setuid ones among them, to root.) */
+bool PlatProcIsTheUsers(pid_t pid);
 
 /* The kernel's command name (/proc/<pid>/comm, without its line feed). */
 bool PlatProcCommandName(pid_t pid, std::string& name);

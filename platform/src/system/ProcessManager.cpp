@@ -1,5 +1,6 @@
-/* The Process Manager over /proc. A process's serial number is {1, pid}; the
- * walk shows the processes that have an executable, in pid order. */
+/* The Process Manager over /proc. A process's serial number is {1, pid}; the walk
+ * shows the calling user's processes that have an executable, in pid order, as a Mac
+ * shows the processes of the user's session: another user cannot plant one in it. */
 #include <CoreServices/CoreServices.h>
 
 #include "system/PlatProc.h"
@@ -30,13 +31,6 @@ static LastStep& LastStepOfThisThread() {
     return last;
 }
 
-OSErr GetCurrentProcess(ProcessSerialNumber* PSN) {
-    if (PSN == nullptr)
-        return paramErr;
-    SetSerial(PSN, getpid());
-    return noErr;
-}
-
 OSErr GetNextProcess(ProcessSerialNumber* PSN) {
     if (PSN == nullptr)
         return paramErr;
@@ -56,7 +50,7 @@ OSErr GetNextProcess(ProcessSerialNumber* PSN) {
     std::string name;
     for (auto next = std::upper_bound(snapshot.begin(), snapshot.end(), after); next != snapshot.end();
          ++next) {
-        if (PlatProcExecutableName(*next, name)) {
+        if (PlatProcIsTheUsers(*next) && PlatProcExecutableName(*next, name)) {
             SetSerial(PSN, *next);
             last.pid = *next;
             last.name = name;
@@ -88,7 +82,7 @@ OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info
         name = last.name;
     else
         named = PlatProcExecutableName(pid, name);
-    if (!named || !PlatProcReadStat(pid, stat))
+    if (!named || !PlatProcIsTheUsers(pid) || !PlatProcReadStat(pid, stat))
         return procNotFound;
 
     if (info->processName != nullptr) {
