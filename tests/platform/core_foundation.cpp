@@ -106,6 +106,14 @@ TEST(StringsFile, EscapesCommentsAndEncodings) {
         {"\"url\" = \"http://x//y /* not a comment */\";", "url", "http://x//y /* not a comment */"},
         {"bare_key = bare.value;", "bare_key", "bare.value"},
         {"\"twice\" = \"first\";\n\"twice\" = \"second\";", "twice", "second"},
+        // What cannot be shown becomes U+FFFD and the rest of the text stays.
+        {"\"lone\" = \"a\\UD83Db \\UDE00c\";", "lone",
+         "a\xEF\xBF\xBD"
+         "b \xEF\xBF\xBD"
+         "c"},
+        {"\"nul\" = \"before\\U0000after\";", "nul",
+         "before\xEF\xBF\xBD"
+         "after"},
     };
     std::string table;
     for (const auto& c : cases)
@@ -119,6 +127,8 @@ TEST(StringsFile, EscapesCommentsAndEncodings) {
     EXPECT_EQ(Localized("k"), "\xE3\x83\x89\"");
     bundle.Put("de.lproj/custom.strings", UTF16(u"\"k\" = \"little \u00E9\";\n", false));
     EXPECT_EQ(Localized("k"), "little \xC3\xA9");
+    bundle.Put("de.lproj/custom.strings", UTF16(std::u16string(u"\"k\" = \"x\xD800y\0z\";\n", 15), false));
+    EXPECT_EQ(Localized("k"), "x\xEF\xBF\xBDy\xEF\xBF\xBDz");
 
     // A broken table is left out whole: every key falls back to English.
     bundle.Put("en.lproj/custom.strings", "\"A\" = \"en\";\n");

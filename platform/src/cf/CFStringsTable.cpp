@@ -45,6 +45,21 @@ int HexValue(char16_t c) {
     return -1;
 }
 
+/* A NUL or a half of a surrogate pair without its other half (written with \U, or in a
+ * UTF-16 file) would end or break the text where it is shown: it becomes U+FFFD, and the
+ * rest of the text stays. */
+void ReplaceUnshowable(std::u16string& text) {
+    for (size_t i = 0; i < text.size(); i++) {
+        bool high = text[i] >= 0xD800 && text[i] <= 0xDBFF;
+        bool low = text[i] >= 0xDC00 && text[i] <= 0xDFFF;
+        if (high && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+            i++;
+        } else if (text[i] == 0 || high || low) {
+            text[i] = 0xFFFD;
+        }
+    }
+}
+
 struct Parser {
     const std::u16string& text;
     size_t pos = 0;
@@ -172,6 +187,7 @@ struct Parser {
             if (!SkipSpace() || !ReadString(value) || !SkipSpace() || AtEnd() || text[pos] != ';')
                 return false;
             ++pos;
+            ReplaceUnshowable(value);
             table[key] = value;
         }
     }
