@@ -30,7 +30,6 @@ typedef long Size;
 typedef char* Ptr;
 typedef unsigned char Str255[256];
 typedef unsigned char* StringPtr;
-typedef const unsigned char* ConstStringPtr;
 typedef UInt16 UniChar;
 typedef SInt32 Duration;
 typedef double CGFloat;
@@ -47,7 +46,6 @@ enum { noErr = 0 };
 /* Error codes of the Mac OS X interfaces this layer provides. */
 enum {
     paramErr = -50,
-    memFullErr = -108,
     fnfErr = -43,
     procNotFound = -600,
     errInvalidWindowPtr = -5600,
@@ -57,14 +55,10 @@ enum {
     eventClassIncorrectErr = -9864,
     eventHandlerAlreadyInstalledErr = -9866,
     eventInternalErr = -9868,
-    eventKindIncorrectErr = -9869,
     eventParameterNotFoundErr = -9870,
     eventNotHandledErr = -9874,
-    eventLoopTimedOutErr = -9875,
-    eventLoopQuitErr = -9876,
     errUnknownControl = -30584,
     errDataSizeMismatch = -30591,
-    errCouldntSetFocus = -30585,
     kIBCarbonRuntimeCantFindNibFile = -10960,
     kIBCarbonRuntimeObjectNotOfRequestedType = -10961,
     kIBCarbonRuntimeCantFindObject = -10962,

@@ -1,4 +1,4 @@
-// The Event Manager: closes, and the main thread's rule.
+// The Event Manager: closes, the main queue's priorities, and the main thread's rule.
 #include "support.h"
 
 using namespace ptest;
@@ -37,6 +37,38 @@ TEST_F(EventsTest, OnlyUnhandledClosesDisposeOfTheWindow) {
     EXPECT_TRUE(IsValidWindowPtr(kept));
     EXPECT_FALSE(IsValidWindowPtr(closed));
     EXPECT_EQ(order_, "kc");
+}
+
+// The main queue hands out high before standard before low, each in order of posting, and
+// refuses what it cannot take: a priority out of range, a foreign queue, an event posted twice.
+TEST_F(EventsTest, PostedEventsGoByPriorityThenByOrder) {
+    Install(GetApplicationEventTarget(), kCommand, [this](EventHandlerCallRef, EventRef event) {
+        HICommand command = {};
+        GetEventParameter(event, kEventParamDirectObject, typeHICommand, nullptr, sizeof command, nullptr,
+                          &command);
+        order_ += static_cast<char>(command.commandID);
+        return noErr;
+    });
+    const std::pair<char, EventPriority> posts[] = {{'a', kEventPriorityLow},  {'b', kEventPriorityStandard},
+                                                    {'c', kEventPriorityHigh}, {'d', kEventPriorityLow},
+                                                    {'e', kEventPriorityHigh}, {'f', kEventPriorityStandard}};
+    for (const auto& [name, priority] : posts) {
+        EventRef event = NewCommandEvent(static_cast<UInt32>(name));
+        EXPECT_EQ(PostEventToQueue(GetMainEventQueue(), event, priority), noErr);
+        if (name == 'a') {
+            EXPECT_EQ(PostEventToQueue(GetMainEventQueue(), event, kEventPriorityHigh),
+                      eventAlreadyPostedErr);
+        }
+        ReleaseEvent(event);
+    }
+    EventRef extra = NewCommandEvent('x');
+    for (EventPriority wrong : {EventPriority(-1), EventPriority(kEventPriorityHigh + 1)}) {
+        EXPECT_EQ(PostEventToQueue(GetMainEventQueue(), extra, wrong), paramErr);
+    }
+    EXPECT_EQ(PostEventToQueue(reinterpret_cast<EventQueueRef>(extra), extra, kEventPriorityHigh), paramErr);
+    ReleaseEvent(extra);
+    PlatDrainEvents();
+    EXPECT_EQ(order_, "cebfad");
 }
 
 // SendEventToEventTarget runs the handlers on the calling thread. Window, nib and loop calls

@@ -11,16 +11,11 @@ extern "C" {
 typedef struct CGDataProvider* CGDataProviderRef;
 typedef struct CGImage* CGImageRef;
 
-typedef enum {
-    kCGRenderingIntentDefault = 0,
-    kCGRenderingIntentAbsoluteColorimetric,
-    kCGRenderingIntentRelativeColorimetric,
-    kCGRenderingIntentPerceptual,
-    kCGRenderingIntentSaturation
-} CGColorRenderingIntent;
+typedef enum { kCGRenderingIntentDefault = 0 } CGColorRenderingIntent;
 
 CGDataProviderRef CGDataProviderCreateWithURL(CFURLRef url);
 void CGDataProviderRelease(CGDataProviderRef provider);
+/* The launcher gives no decode array; one given is not applied. */
 CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat* decode,
                                             bool shouldInterpolate, CGColorRenderingIntent intent);
 size_t CGImageGetWidth(CGImageRef image);

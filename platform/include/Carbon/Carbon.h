@@ -58,16 +58,13 @@ typedef struct HICommand {
 enum {
     kEventClassCommand = 'cmds',
     kEventClassControl = 'cntl',
-    kEventClassWindow = 'wind',
-    kEventClassApplication = 'appl'
+    kEventClassWindow = 'wind'
 };
 enum { kEventCommandProcess = 1 };
 enum { kEventControlHit = 1 };
 enum { kEventWindowClose = 72 };
 enum {
     kEventParamDirectObject = '----',
-    kEventParamControlPart = 'cprt',
-    kEventParamKeyModifiers = 'kmod',
     kEventParamPostTarget = 'ptrg'
 };
 enum {
@@ -79,16 +76,15 @@ enum {
     typeEventTargetRef = 'etrg',
     typeWildCard = '****'
 };
-enum { kEventAttributeNone = 0, kEventAttributeUserEvent = 1 };
+enum { kEventAttributeUserEvent = 1 };
 enum { kEventPriorityLow = 0, kEventPriorityStandard = 1, kEventPriorityHigh = 2 };
-enum { kHICommandOK = 'ok  ', kHICommandCancel = 'not!', kHICommandClose = 'clos' };
+enum { kHICommandClose = 'clos' };
 
 EventHandlerUPP NewEventHandlerUPP(EventHandlerProcPtr userRoutine);
 
 OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler, ItemCount inNumTypes,
                              const EventTypeSpec* inList, void* inUserData, EventHandlerRef* outRef);
 OSStatus RemoveEventHandler(EventHandlerRef inHandlerRef);
-OSStatus CallNextEventHandler(EventHandlerCallRef inCallRef, EventRef inEvent);
 
 EventTargetRef GetApplicationEventTarget(void);
 EventTargetRef GetWindowEventTarget(WindowRef inWindow);
@@ -97,11 +93,6 @@ EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject);
 
 #define InstallApplicationEventHandler(h, n, l, u, r)                                                        \
     InstallEventHandler(GetApplicationEventTarget(), (h), (n), (l), (u), (r))
-#define InstallWindowEventHandler(t, h, n, l, u, r)                                                          \
-    InstallEventHandler(GetWindowEventTarget(t), (h), (n), (l), (u), (r))
-#define InstallControlEventHandler(t, h, n, l, u, r)                                                         \
-    InstallEventHandler(GetControlEventTarget(t), (h), (n), (l), (u), (r))
-#define GetEventTypeCount(t) (sizeof((t)) / sizeof(EventTypeSpec))
 
 OSStatus CreateEvent(CFAllocatorRef inAllocator, UInt32 inClassID, UInt32 inKind, EventTime inWhen,
                      EventAttributes inAttributes, EventRef* outEvent);
@@ -122,7 +113,6 @@ OSStatus SendEventToEventTarget(EventRef inEvent, EventTargetRef inTarget);
  * other thread. Posting is thread safe; the event goes to its kEventParamPostTarget,
  * else to the application target. */
 EventQueueRef GetMainEventQueue(void);
-EventQueueRef GetCurrentEventQueue(void);
 OSStatus PostEventToQueue(EventQueueRef inQueue, EventRef inEvent, EventPriority inPriority);
 
 void RunApplicationEventLoop(void);
@@ -137,8 +127,8 @@ typedef struct ControlID {
 } ControlID;
 typedef ControlID HIViewID;
 
-enum { kControlEntireControl = 0, kControlEditTextPart = 5 };
-enum { kControlStaticTextCFStringTag = 'cfst', kControlStaticTextTextTag = 'text' };
+enum { kControlEditTextPart = 5 };
+enum { kControlStaticTextCFStringTag = 'cfst' };
 
 OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef);
 void DisposeNibReference(IBNibRef inNibRef);

@@ -11,7 +11,6 @@ extern "C" {
 
 typedef const void* CFTypeRef;
 typedef long CFIndex;
-typedef unsigned long CFTypeID;
 typedef UInt32 CFStringEncoding;
 typedef const struct __CFAllocator* CFAllocatorRef;
 typedef const struct __CFString* CFStringRef;
@@ -25,9 +24,6 @@ enum { kCFStringEncodingMacRoman = 0, kCFStringEncodingASCII = 0x0600, kCFString
 
 CFTypeRef CFRetain(CFTypeRef cf);
 void CFRelease(CFTypeRef cf);
-CFIndex CFGetRetainCount(CFTypeRef cf);
-Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2);
-CFTypeID CFGetTypeID(CFTypeRef cf);
 
 /* Strings: immutable sequences of UTF-16 units. */
 CFStringRef __CFStringMakeConstantString(const char* cStr);
@@ -38,8 +34,6 @@ Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSi
 CFIndex CFStringGetLength(CFStringRef theString);
 /* The most bytes length UTF-16 units can take in that encoding, terminator excluded. */
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding);
-CFTypeID CFStringGetTypeID(void);
-UniChar CFStringGetCharacterAtIndex(CFStringRef theString, CFIndex idx);
 
 /* File URLs. */
 typedef CFIndex CFURLPathStyle;
@@ -49,11 +43,9 @@ CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef alloc, CFStringRef filePat
 CFStringRef CFURLGetString(CFURLRef anURL);
 Boolean CFURLGetFileSystemRepresentation(CFURLRef url, Boolean resolveAgainstBase, UInt8* buffer,
                                          CFIndex maxBufLen);
-CFTypeID CFURLGetTypeID(void);
 
 /* Bundles. The main bundle is the one holding the running executable. */
 CFBundleRef CFBundleGetMainBundle(void);
-CFTypeID CFBundleGetTypeID(void);
 CFURLRef CFBundleCopyBundleURL(CFBundleRef bundle);
 CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle);
 CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, CFStringRef resourceType,

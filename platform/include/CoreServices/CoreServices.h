@@ -15,9 +15,7 @@ typedef ItemCount MPSemaphoreCount;
 /* Durations: positive values are milliseconds, negative values microseconds. */
 enum {
     kDurationImmediate = 0,
-    kDurationForever = 0x7FFFFFFF,
-    kDurationMillisecond = 1,
-    kDurationMicrosecond = -1
+    kDurationForever = 0x7FFFFFFF
 };
 
 OSStatus MPCreateSemaphore(MPSemaphoreCount maximumValue, MPSemaphoreCount initialValue,
@@ -33,7 +31,6 @@ typedef struct ProcessSerialNumber {
     UInt32 highLongOfPSN;
     UInt32 lowLongOfPSN;
 } ProcessSerialNumber;
-typedef ProcessSerialNumber* ProcessSerialNumberPtr;
 
 typedef struct FSRef FSRef;
 typedef FSRef* FSRefPtr;
@@ -53,7 +50,6 @@ typedef struct ProcessInfoRec {
     UInt32 processActiveTime;
     FSRefPtr processAppRef;
 } ProcessInfoRec;
-typedef ProcessInfoRec* ProcessInfoRecPtr;
 #pragma pack(pop)
 
 enum { kNoProcess = 0, kSystemProcess = 1, kCurrentProcess = 2 };

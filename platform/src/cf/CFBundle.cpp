@@ -27,14 +27,10 @@ static void FinalizeBundle(PlatCFBase* object) {
     delete reinterpret_cast<__CFBundle*>(object);
 }
 
-static const PlatCFClass kBundleClass = {kPlatCFBundleTypeID, "CFBundle", FinalizeBundle, nullptr};
+static const PlatCFClass kBundleClass = {FinalizeBundle};
 
 static const __CFBundle* AsBundle(CFBundleRef bundle) {
     return reinterpret_cast<const __CFBundle*>(PlatCFCast(bundle, &kBundleClass));
-}
-
-CFTypeID CFBundleGetTypeID(void) {
-    return kPlatCFBundleTypeID;
 }
 
 /* ---- The main bundle ---- */

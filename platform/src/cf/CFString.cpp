@@ -16,19 +16,10 @@ static void FinalizeString(PlatCFBase* object) {
     delete reinterpret_cast<__CFString*>(object);
 }
 
-static bool EqualStrings(const PlatCFBase* a, const PlatCFBase* b) {
-    return reinterpret_cast<const __CFString*>(a)->characters ==
-           reinterpret_cast<const __CFString*>(b)->characters;
-}
-
-static const PlatCFClass kStringClass = {kPlatCFStringTypeID, "CFString", FinalizeString, EqualStrings};
+static const PlatCFClass kStringClass = {FinalizeString};
 
 static const __CFString* AsString(CFStringRef string) {
     return reinterpret_cast<const __CFString*>(PlatCFCast(string, &kStringClass));
-}
-
-CFTypeID CFStringGetTypeID(void) {
-    return kPlatCFStringTypeID;
 }
 
 /* ---- Mac Roman: bytes 0x80-0xFF (0x00-0x7F are ASCII) ---- */
@@ -224,13 +215,6 @@ std::string PlatCFStringToUTF8(CFStringRef string) {
 CFIndex CFStringGetLength(CFStringRef theString) {
     const __CFString* object = AsString(theString);
     return object == nullptr ? 0 : static_cast<CFIndex>(object->characters.size());
-}
-
-UniChar CFStringGetCharacterAtIndex(CFStringRef theString, CFIndex idx) {
-    const __CFString* object = AsString(theString);
-    if (object == nullptr || idx < 0 || static_cast<size_t>(idx) >= object->characters.size())
-        return 0;
-    return object->characters[idx];
 }
 
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding) {

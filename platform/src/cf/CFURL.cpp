@@ -18,18 +18,10 @@ static void FinalizeURL(PlatCFBase* object) {
     delete url;
 }
 
-static bool EqualURLs(const PlatCFBase* a, const PlatCFBase* b) {
-    return CFEqual(reinterpret_cast<const __CFURL*>(a)->string, reinterpret_cast<const __CFURL*>(b)->string);
-}
-
-static const PlatCFClass kURLClass = {kPlatCFURLTypeID, "CFURL", FinalizeURL, EqualURLs};
+static const PlatCFClass kURLClass = {FinalizeURL};
 
 static const __CFURL* AsURL(CFURLRef url) {
     return reinterpret_cast<const __CFURL*>(PlatCFCast(url, &kURLClass));
-}
-
-CFTypeID CFURLGetTypeID(void) {
-    return kPlatCFURLTypeID;
 }
 
 /* Every byte outside the unreserved characters and "/" is written as %XX with

@@ -1,12 +1,10 @@
 /* The CoreFoundation object base, shared by every reference-counted object of
- * the layer (strings, URLs, bundles, CoreGraphics objects, and any other kind a
- * part of the layer wants CFRetain and CFRelease to work on).
+ * the layer (strings, URLs, bundles, CoreGraphics objects).
  *
- * A kind of object is a standard-layout struct whose first member is a
- * PlatCFBase, described by one static PlatCFClass. Create it with new, call PlatCFInit, and give
- * it a finalize that deletes it: CFRelease calls finalize when the last
- * reference goes. Type identifiers 1 to 15 belong to the kinds defined here;
- * other parts of the layer take 16 and up. */
+ * A kind of object is a standard-layout struct whose first member is a PlatCFBase,
+ * described by one static PlatCFClass, whose address is the kind's identity. Create it
+ * with new, call PlatCFInit, and give it a finalize that deletes it: CFRelease calls
+ * finalize when the last reference goes. */
 #ifndef PLATFORM_PLATCF_H
 #define PLATFORM_PLATCF_H
 
@@ -20,21 +18,8 @@
 struct PlatCFBase;
 
 struct PlatCFClass {
-    CFTypeID typeID;
-    const char* name;
     /* Frees the object; called once, when its retain count reaches zero. */
     void (*finalize)(PlatCFBase* object);
-    /* Value equality with another object of the same class; null: identity only. */
-    bool (*equal)(const PlatCFBase* a, const PlatCFBase* b);
-};
-
-enum : CFTypeID {
-    kPlatCFStringTypeID = 1,
-    kPlatCFURLTypeID = 2,
-    kPlatCFBundleTypeID = 3,
-    kPlatCFDataProviderTypeID = 4,
-    kPlatCFImageTypeID = 5,
-    kPlatCFFirstFreeTypeID = 16
 };
 
 /* Marks memory as one of our objects, so that CFRelease of a foreign pointer is

@@ -31,6 +31,11 @@ EventTargetRef PlatCreateTarget(EventTargetRef parent);
 /* Forgets the target and every handler installed on it. */
 void PlatDestroyTarget(EventTargetRef target);
 
+/* Called by SendEventToEventTarget with an event that no handler took, its answer then
+ * that of the send. The windows set it: a close nobody took disposes of its window. */
+typedef OSStatus (*PlatUnhandledEventHook)(EventRef event, EventTargetRef target);
+void PlatSetUnhandledEventHook(PlatUnhandledEventHook hook);
+
 /* Runs the main thread's loop until done(context) is true: dispatches posted
  * events one at a time and, with none, waits for input. Main thread only. */
 void PlatRunLoopUntil(bool (*done)(void* context), void* context);

@@ -1,90 +1,47 @@
-/* Event queues and the application loop.
+/* The main event queue and the application loop.
  *
- * Any thread may post to a queue. The main queue is dispatched by whatever loop
- * runs on the main thread, one event at a time, highest priority first and in
- * order of posting within a priority; a posted event goes to its
- * kEventParamPostTarget, else to the application target. Other threads' queues
- * hold what is posted to them: nothing here runs a loop on those threads. */
+ * Any thread may post to the main queue. It is dispatched by whatever loop runs on
+ * the main thread, one event at a time, highest priority first and in order of
+ * posting within a priority; a posted event goes to its kEventParamPostTarget, else
+ * to the application target. */
 #include "events/EventInternal.h"
 
 #include <PlatformTesting.h>
-
-#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <set>
-#include <unordered_map>
-#include <vector>
 
 namespace {
 
 constexpr int kPriorities = kEventPriorityHigh + 1;
 
-struct Queue {
-    std::deque<EventRef> byPriority[kPriorities];
-};
-
-/* The queues and the layer's own wake-up flag; separate from the model's lock so
+/* The main queue and the layer's own wake-up flag; separate from the model's lock so
  * that a wait never holds it. */
-struct Queues {
+struct MainQueueState {
     std::mutex lock;
     std::condition_variable wakeUp;
     bool woken = false;
-    uintptr_t mainQueue = 0;
-    std::unordered_map<uintptr_t, Queue> queues;
-    std::set<uintptr_t> posted; /* events in any queue */
+    uintptr_t id = 0;
+    std::deque<EventRef> byPriority[kPriorities];
+    std::set<uintptr_t> posted; /* events in the queue */
 };
 
 /* Lives until the process ends: other threads may post while static destructors run. */
-Queues& Q() {
-    static Queues* queues = [] {
-        Queues* q = new Queues;
-        q->mainQueue = PlatNewObjectId();
-        q->queues[q->mainQueue];
-        return q;
+MainQueueState& MainQueue() {
+    static MainQueueState* queue = [] {
+        auto* made = new MainQueueState;
+        made->id = PlatNewObjectId();
+        return made;
     }();
-    return *queues;
+    return *queue;
 }
 
 uintptr_t IdOf(const void* ref) {
     return reinterpret_cast<uintptr_t>(ref);
 }
-
-/* Forgets a queue and releases what it still holds. */
-void DropQueue(uintptr_t id) {
-    std::vector<EventRef> held;
-    {
-        std::lock_guard<std::mutex> lock(Q().lock);
-        auto it = Q().queues.find(id);
-        if (it == Q().queues.end()) {
-            return;
-        }
-        for (std::deque<EventRef>& events : it->second.byPriority) {
-            for (EventRef event : events) {
-                Q().posted.erase(IdOf(event));
-                held.push_back(event);
-            }
-        }
-        Q().queues.erase(it);
-    }
-    for (EventRef event : held) {
-        ReleaseEvent(event);
-    }
-}
-
-/* A thread's own queue, made when first asked for, gone with the thread. */
-struct ThreadQueue {
-    uintptr_t id = 0;
-    ~ThreadQueue() {
-        if (id != 0) {
-            DropQueue(id);
-        }
-    }
-};
-thread_local ThreadQueue tQueue;
 
 std::atomic<void (*)(void)> gWait{nullptr};
 std::atomic<void (*)(void)> gWake{nullptr};
@@ -108,19 +65,19 @@ void WaitForInput() {
 bool DispatchOnePosted() {
     EventRef event = nullptr;
     {
-        std::lock_guard<std::mutex> lock(Q().lock);
-        Queue& main = Q().queues[Q().mainQueue];
+        MainQueueState& queue = MainQueue();
+        std::lock_guard<std::mutex> lock(queue.lock);
         for (int priority = kEventPriorityHigh; priority >= kEventPriorityLow && event == nullptr;
              priority--) {
-            if (!main.byPriority[priority].empty()) {
-                event = main.byPriority[priority].front();
-                main.byPriority[priority].pop_front();
+            if (!queue.byPriority[priority].empty()) {
+                event = queue.byPriority[priority].front();
+                queue.byPriority[priority].pop_front();
             }
         }
         if (event == nullptr) {
             return false;
         }
-        Q().posted.erase(IdOf(event));
+        queue.posted.erase(IdOf(event));
     }
     EventTargetRef target = nullptr;
     if (GetEventParameter(event, kEventParamPostTarget, typeEventTargetRef, nullptr, sizeof target, nullptr,
@@ -151,22 +108,24 @@ void PlatSetLoopWaiter(void (*wait)(void), void (*wake)(void)) {
 }
 
 void PlatSignalWake() {
+    MainQueueState& queue = MainQueue();
     {
-        std::lock_guard<std::mutex> lock(Q().lock);
-        Q().woken = true;
+        std::lock_guard<std::mutex> lock(queue.lock);
+        queue.woken = true;
     }
-    Q().wakeUp.notify_all();
+    queue.wakeUp.notify_all();
 }
 
 void PlatWaitForWake(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(Q().lock);
-    auto woken = [] { return Q().woken; };
+    MainQueueState& queue = MainQueue();
+    std::unique_lock<std::mutex> lock(queue.lock);
+    auto woken = [&queue] { return queue.woken; };
     if (timeoutMs < 0) {
-        Q().wakeUp.wait(lock, woken);
+        queue.wakeUp.wait(lock, woken);
     } else {
-        Q().wakeUp.wait_for(lock, std::chrono::milliseconds(timeoutMs), woken);
+        queue.wakeUp.wait_for(lock, std::chrono::milliseconds(timeoutMs), woken);
     }
-    Q().woken = false;
+    queue.woken = false;
 }
 
 void PlatRunLoopUntil(bool (*done)(void* context), void* context) {
@@ -178,20 +137,7 @@ void PlatRunLoopUntil(bool (*done)(void* context), void* context) {
 }
 
 EventQueueRef GetMainEventQueue(void) {
-    return reinterpret_cast<EventQueueRef>(Q().mainQueue);
-}
-
-EventQueueRef GetCurrentEventQueue(void) {
-    if (pthread_main_np()) {
-        return GetMainEventQueue();
-    }
-    if (tQueue.id == 0) {
-        uintptr_t id = PlatNewObjectId();
-        std::lock_guard<std::mutex> lock(Q().lock);
-        Q().queues[id];
-        tQueue.id = id;
-    }
-    return reinterpret_cast<EventQueueRef>(tQueue.id);
+    return reinterpret_cast<EventQueueRef>(MainQueue().id);
 }
 
 OSStatus PostEventToQueue(EventQueueRef inQueue, EventRef inEvent, EventPriority inPriority) {
@@ -202,21 +148,21 @@ OSStatus PostEventToQueue(EventQueueRef inQueue, EventRef inEvent, EventPriority
     if (RetainEvent(inEvent) == nullptr) {
         return paramErr;
     }
+    MainQueueState& queue = MainQueue();
     OSStatus status = noErr;
     {
-        std::lock_guard<std::mutex> lock(Q().lock);
-        auto queue = Q().queues.find(IdOf(inQueue));
-        if (queue == Q().queues.end()) {
+        std::lock_guard<std::mutex> lock(queue.lock);
+        if (IdOf(inQueue) != queue.id) {
             status = paramErr;
-        } else if (!Q().posted.insert(IdOf(inEvent)).second) {
+        } else if (!queue.posted.insert(IdOf(inEvent)).second) {
             status = eventAlreadyPostedErr;
         } else {
-            queue->second.byPriority[inPriority].push_back(inEvent);
+            queue.byPriority[inPriority].push_back(inEvent);
         }
     }
     if (status != noErr) {
         ReleaseEvent(inEvent);
-    } else if (IdOf(inQueue) == Q().mainQueue) {
+    } else {
         WakeMainThread();
     }
     return status;

@@ -47,7 +47,7 @@ struct HandlerRec {
     void* userData;
 };
 
-struct Registry {
+struct EventRegistry {
     std::unordered_map<uintptr_t, EventRec> events;
     std::unordered_map<uintptr_t, TargetRec> targets;
     std::unordered_map<uintptr_t, HandlerRec> handlers;
@@ -56,9 +56,9 @@ struct Registry {
 
 /* Lives until the process ends: worker threads may still send events while
  * static destructors run. */
-Registry& Reg() {
-    static Registry* registry = [] {
-        Registry* r = new Registry;
+EventRegistry& Registry() {
+    static EventRegistry* registry = [] {
+        auto* r = new EventRegistry;
         r->applicationTarget = PlatNewObjectId();
         r->targets[r->applicationTarget] = TargetRec{0, {}};
         return r;
@@ -71,8 +71,8 @@ uintptr_t IdOf(const void* ref) {
 }
 
 EventRec* FindEvent(EventRef event) {
-    auto it = Reg().events.find(IdOf(event));
-    return it == Reg().events.end() ? nullptr : &it->second;
+    auto it = Registry().events.find(IdOf(event));
+    return it == Registry().events.end() ? nullptr : &it->second;
 }
 
 bool Matches(const HandlerRec& handler, UInt32 eventClass, UInt32 kind) {
@@ -84,76 +84,24 @@ bool Matches(const HandlerRec& handler, UInt32 eventClass, UInt32 kind) {
     return false;
 }
 
-/* One dispatch in progress: the targets it travels through and how far it got.
- * The handler call reference points at it, so CallNextEventHandler can go on
- * from where the calling handler was reached. */
-struct Dispatch {
-    EventRef event;
-    UInt32 eventClass;
-    UInt32 kind;
-    std::vector<uintptr_t> chain; /* target, then its parents up to the application */
-    size_t level = 0;
-    bool levelStarted = false;
-    std::vector<uintptr_t> pending; /* handlers of the current level, newest first */
-    size_t next = 0;
-    bool restTaken = false; /* the running handler passed the event on itself */
-};
+/* What the layer above does with an event nobody took (the windows: a close disposes of
+ * its window); null: nothing. */
+std::atomic<PlatUnhandledEventHook> gUnhandledHook{nullptr};
 
-thread_local std::vector<Dispatch*> tRunning;
-
-OSStatus RunFrom(Dispatch& d);
-
-OSStatus RunFrom(Dispatch& d) {
-    for (;;) {
-        EventHandlerUPP proc = nullptr;
-        void* userData = nullptr;
-        {
-            std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
-            if (!d.levelStarted) {
-                if (d.level >= d.chain.size()) {
-                    break;
-                }
-                auto target = Reg().targets.find(d.chain[d.level]);
-                if (target == Reg().targets.end()) {
-                    /* disposed while the event travelled: go on above it */
-                    d.level++;
-                    continue;
-                }
-                d.pending.clear();
-                const std::vector<uintptr_t>& installed = target->second.handlers;
-                for (auto h = installed.rbegin(); h != installed.rend(); ++h) {
-                    if (Matches(Reg().handlers.at(*h), d.eventClass, d.kind)) {
-                        d.pending.push_back(*h);
-                    }
-                }
-                d.next = 0;
-                d.levelStarted = true;
-            }
-            if (d.next >= d.pending.size()) {
-                d.level++;
-                d.levelStarted = false;
-                continue;
-            }
-            /* a handler removed by an earlier one is skipped */
-            auto handler = Reg().handlers.find(d.pending[d.next++]);
-            if (handler == Reg().handlers.end()) {
-                continue;
-            }
-            proc = handler->second.proc;
-            userData = handler->second.userData;
-        }
-        bool outerTaken = d.restTaken;
-        d.restTaken = false;
-        tRunning.push_back(&d);
-        OSStatus result = proc(reinterpret_cast<EventHandlerCallRef>(&d), d.event, userData);
-        tRunning.pop_back();
-        bool taken = d.restTaken;
-        d.restTaken = outerTaken;
-        if (taken || result != eventNotHandledErr) {
-            return result;
+/* The handlers of a target that take the event, newest first. Call with the lock held. */
+std::vector<uintptr_t> HandlersFor(uintptr_t target, UInt32 eventClass, UInt32 kind) {
+    std::vector<uintptr_t> found;
+    auto it = Registry().targets.find(target);
+    if (it == Registry().targets.end()) {
+        return found; /* disposed while the event travelled: go on above it */
+    }
+    const std::vector<uintptr_t>& installed = it->second.handlers;
+    for (auto h = installed.rbegin(); h != installed.rend(); ++h) {
+        if (Matches(Registry().handlers.at(*h), eventClass, kind)) {
+            found.push_back(*h);
         }
     }
-    return eventNotHandledErr;
+    return found;
 }
 
 } // namespace
@@ -185,20 +133,20 @@ bool PlatRefusedOffMainThread(const char* call) {
 EventTargetRef PlatCreateTarget(EventTargetRef parent) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     uintptr_t id = PlatNewObjectId();
-    Reg().targets[id] = TargetRec{IdOf(parent), {}};
+    Registry().targets[id] = TargetRec{IdOf(parent), {}};
     return reinterpret_cast<EventTargetRef>(id);
 }
 
 void PlatDestroyTarget(EventTargetRef target) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
-    auto it = Reg().targets.find(IdOf(target));
-    if (it == Reg().targets.end() || it->first == Reg().applicationTarget) {
+    auto it = Registry().targets.find(IdOf(target));
+    if (it == Registry().targets.end() || it->first == Registry().applicationTarget) {
         return;
     }
     for (uintptr_t handler : it->second.handlers) {
-        Reg().handlers.erase(handler);
+        Registry().handlers.erase(handler);
     }
-    Reg().targets.erase(it);
+    Registry().targets.erase(it);
 }
 
 /* ---- Handlers ---- */
@@ -216,12 +164,12 @@ OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler,
         return paramErr;
     }
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
-    auto target = Reg().targets.find(IdOf(inTarget));
-    if (target == Reg().targets.end()) {
+    auto target = Registry().targets.find(IdOf(inTarget));
+    if (target == Registry().targets.end()) {
         return paramErr;
     }
     uintptr_t id = PlatNewObjectId();
-    Reg().handlers[id] = HandlerRec{target->first, inHandler,
+    Registry().handlers[id] = HandlerRec{target->first, inHandler,
                                     std::vector<EventTypeSpec>(inList, inList + inNumTypes), inUserData};
     target->second.handlers.push_back(id);
     if (outRef != nullptr) {
@@ -232,33 +180,23 @@ OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler,
 
 OSStatus RemoveEventHandler(EventHandlerRef inHandlerRef) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
-    auto handler = Reg().handlers.find(IdOf(inHandlerRef));
-    if (handler == Reg().handlers.end()) {
+    auto handler = Registry().handlers.find(IdOf(inHandlerRef));
+    if (handler == Registry().handlers.end()) {
         return paramErr;
     }
-    auto target = Reg().targets.find(handler->second.target);
-    if (target != Reg().targets.end()) {
+    auto target = Registry().targets.find(handler->second.target);
+    if (target != Registry().targets.end()) {
         std::vector<uintptr_t>& list = target->second.handlers;
         list.erase(std::remove(list.begin(), list.end(), handler->first), list.end());
     }
-    Reg().handlers.erase(handler);
+    Registry().handlers.erase(handler);
     return noErr;
-}
-
-OSStatus CallNextEventHandler(EventHandlerCallRef inCallRef, EventRef) {
-    Dispatch* d = reinterpret_cast<Dispatch*>(inCallRef);
-    if (std::find(tRunning.begin(), tRunning.end(), d) == tRunning.end()) {
-        return paramErr;
-    }
-    OSStatus result = RunFrom(*d);
-    d->restTaken = true;
-    return result;
 }
 
 /* ---- Targets ---- */
 
 EventTargetRef GetApplicationEventTarget(void) {
-    return reinterpret_cast<EventTargetRef>(Reg().applicationTarget);
+    return reinterpret_cast<EventTargetRef>(Registry().applicationTarget);
 }
 
 /* ---- Events ---- */
@@ -270,7 +208,7 @@ OSStatus CreateEvent(CFAllocatorRef, UInt32 inClassID, UInt32 inKind, EventTime 
     }
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     uintptr_t id = PlatNewObjectId();
-    Reg().events[id] = EventRec{inClassID, inKind, inWhen, inAttributes, 1, {}};
+    Registry().events[id] = EventRec{inClassID, inKind, inWhen, inAttributes, 1, {}};
     *outEvent = reinterpret_cast<EventRef>(id);
     return noErr;
 }
@@ -289,7 +227,7 @@ void ReleaseEvent(EventRef inEvent) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     if (rec != nullptr && --rec->retainCount == 0) {
-        Reg().events.erase(IdOf(inEvent));
+        Registry().events.erase(IdOf(inEvent));
     }
 }
 
@@ -361,26 +299,59 @@ EventTime GetCurrentEventTime(void) {
     return static_cast<EventTime>(now.tv_sec) + static_cast<EventTime>(now.tv_nsec) / 1e9;
 }
 
-/* On the calling thread, as on the Mac; an unknown event or target is refused. */
+void PlatSetUnhandledEventHook(PlatUnhandledEventHook hook) {
+    gUnhandledHook.store(hook);
+}
+
+/* On the calling thread, as on the Mac; an unknown event or target is refused. The event
+ * goes to the target's handlers, newest first, then to those of the targets above it,
+ * until one takes it (answers other than eventNotHandledErr). */
 OSStatus SendEventToEventTarget(EventRef inEvent, EventTargetRef inTarget) {
-    Dispatch d;
+    UInt32 eventClass, kind;
+    std::vector<uintptr_t> chain; /* the target, then its parents up to the application */
     {
         std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
         EventRec* rec = FindEvent(inEvent);
-        if (rec == nullptr || Reg().targets.count(IdOf(inTarget)) == 0) {
+        if (rec == nullptr || Registry().targets.count(IdOf(inTarget)) == 0) {
             return paramErr;
         }
         rec->retainCount++; /* a handler may release it while it travels */
-        d.event = inEvent;
-        d.eventClass = rec->eventClass;
-        d.kind = rec->kind;
+        eventClass = rec->eventClass;
+        kind = rec->kind;
         for (uintptr_t t = IdOf(inTarget); t != 0;) {
-            d.chain.push_back(t);
-            auto it = Reg().targets.find(t);
-            t = it == Reg().targets.end() ? 0 : it->second.parent;
+            chain.push_back(t);
+            auto it = Registry().targets.find(t);
+            t = it == Registry().targets.end() ? 0 : it->second.parent;
         }
     }
-    OSStatus result = RunFrom(d);
+    OSStatus result = eventNotHandledErr;
+    for (size_t level = 0; level < chain.size() && result == eventNotHandledErr; level++) {
+        std::vector<uintptr_t> handlers;
+        {
+            std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
+            handlers = HandlersFor(chain[level], eventClass, kind);
+        }
+        for (size_t next = 0; next < handlers.size() && result == eventNotHandledErr; next++) {
+            EventHandlerUPP proc;
+            void* userData;
+            {
+                std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
+                /* a handler removed by an earlier one is skipped */
+                auto handler = Registry().handlers.find(handlers[next]);
+                if (handler == Registry().handlers.end()) {
+                    continue;
+                }
+                proc = handler->second.proc;
+                userData = handler->second.userData;
+            }
+            result = proc(reinterpret_cast<EventHandlerCallRef>(handlers[next]), inEvent, userData);
+        }
+    }
+    if (result == eventNotHandledErr) {
+        if (PlatUnhandledEventHook hook = gUnhandledHook.load()) {
+            result = hook(inEvent, inTarget);
+        }
+    }
     ReleaseEvent(inEvent);
     return result;
 }

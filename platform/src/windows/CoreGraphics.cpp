@@ -39,9 +39,8 @@ static void FinalizeImage(PlatCFBase* object) {
     delete image;
 }
 
-static const PlatCFClass kProviderClass = {kPlatCFDataProviderTypeID, "CGDataProvider", FinalizeProvider,
-                                           nullptr};
-static const PlatCFClass kImageClass = {kPlatCFImageTypeID, "CGImage", FinalizeImage, nullptr};
+static const PlatCFClass kProviderClass = {FinalizeProvider};
+static const PlatCFClass kImageClass = {FinalizeImage};
 
 static const CGImage* AsImage(CGImageRef image) {
     return reinterpret_cast<const CGImage*>(PlatCFCast(image, &kImageClass));
@@ -65,24 +64,7 @@ void CGDataProviderRelease(CGDataProviderRef provider) {
         CFRelease(provider);
 }
 
-/* Maps each colour component through its [low, high] pair of the decode array. */
-static void ApplyDecode(unsigned char* rgba, size_t pixels, const CGFloat* decode) {
-    unsigned char table[3][256];
-    for (int component = 0; component < 3; ++component) {
-        CGFloat low = decode[2 * component], high = decode[2 * component + 1];
-        for (int value = 0; value < 256; ++value) {
-            CGFloat mapped = low + (high - low) * value / 255.0;
-            mapped = mapped < 0 ? 0 : mapped > 1 ? 1 : mapped;
-            table[component][value] = static_cast<unsigned char>(mapped * 255.0 + 0.5);
-        }
-    }
-    for (size_t i = 0; i < pixels; ++i) {
-        for (int component = 0; component < 3; ++component)
-            rgba[4 * i + component] = table[component][rgba[4 * i + component]];
-    }
-}
-
-CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat* decode, bool,
+CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat*, bool,
                                             CGColorRenderingIntent) {
     auto* provider = reinterpret_cast<const CGDataProvider*>(PlatCFCast(source, &kProviderClass));
     if (provider == nullptr || provider->bytes.size() < 8 || png_sig_cmp(provider->bytes.data(), 0, 8) != 0)
@@ -111,9 +93,6 @@ CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFl
         free(rgba);
         return nullptr;
     }
-    if (decode != nullptr)
-        ApplyDecode(rgba, size / 4, decode);
-
     auto* image = new CGImage;
     PlatCFInit(&image->base, &kImageClass);
     image->width = png.width;

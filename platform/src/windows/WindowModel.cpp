@@ -54,13 +54,13 @@ struct WindowRec {
     uintptr_t cancelButton = 0;      /* pressed by Escape; 0: none */
 };
 
-struct Model {
+struct WindowModel {
     std::unordered_map<uintptr_t, WindowRec> windows;
     std::unordered_map<uintptr_t, ControlRec> controls;
 };
 
-Model& M() {
-    static Model* model = new Model;
+WindowModel& Windows() {
+    static WindowModel* model = new WindowModel;
     return *model;
 }
 
@@ -72,16 +72,16 @@ uintptr_t IdOf(const void* ref) {
 
 /* A window that exists and is not being disposed of. Call with the lock held. */
 WindowRec* LiveWindow(WindowRef window) {
-    auto it = M().windows.find(IdOf(window));
-    if (it == M().windows.end() || it->second.disposing) {
+    auto it = Windows().windows.find(IdOf(window));
+    if (it == Windows().windows.end() || it->second.disposing) {
         return nullptr;
     }
     return &it->second;
 }
 
 ControlRec* LiveControl(ControlRef control) {
-    auto it = M().controls.find(IdOf(control));
-    if (it == M().controls.end() || M().windows.at(it->second.window).disposing) {
+    auto it = Windows().controls.find(IdOf(control));
+    if (it == Windows().controls.end() || Windows().windows.at(it->second.window).disposing) {
         return nullptr;
     }
     return &it->second;
@@ -91,7 +91,7 @@ ControlRec* LiveControl(ControlRef control) {
 WindowRec* NewestByName(const char* name) {
     WindowRec* found = nullptr;
     uintptr_t foundId = 0;
-    for (auto& [id, window] : M().windows) {
+    for (auto& [id, window] : Windows().windows) {
         if (!window.disposing && window.nibName == name && id > foundId) {
             found = &window;
             foundId = id;
@@ -121,15 +121,25 @@ void WakeBackend() {
     }
 }
 
-/* The standard window handler, installed first on every window's target: a close
- * that neither the window's own handlers nor those above it take disposes of the
- * window. */
-OSStatus StandardWindowHandler(EventHandlerCallRef call, EventRef event, void* window) {
-    OSStatus status = CallNextEventHandler(call, event);
-    if (status != eventNotHandledErr) {
-        return status;
+/* A close that neither the window's own handlers nor those above it took disposes of
+ * the window, as the Mac's standard window handler does. */
+OSStatus DisposeOnUnhandledClose(EventRef event, EventTargetRef target) {
+    if (GetEventClass(event) != kEventClassWindow || GetEventKind(event) != kEventWindowClose) {
+        return eventNotHandledErr;
     }
-    DisposeWindow(static_cast<WindowRef>(window));
+    WindowRef closed = nullptr;
+    {
+        Lock lock(PlatModelLock());
+        for (const auto& [id, window] : Windows().windows) {
+            if (window.target == target && !window.disposing) {
+                closed = reinterpret_cast<WindowRef>(id);
+            }
+        }
+    }
+    if (closed == nullptr) {
+        return eventNotHandledErr;
+    }
+    DisposeWindow(closed);
     return noErr;
 }
 
@@ -196,25 +206,25 @@ bool StringToUTF8(CFStringRef string, std::string& out) {
 /* Forgets a window and its controls; returns the strings to release. */
 std::vector<CFStringRef> EraseWindow(uintptr_t id) {
     std::vector<CFStringRef> strings;
-    auto it = M().windows.find(id);
-    if (it == M().windows.end()) {
+    auto it = Windows().windows.find(id);
+    if (it == Windows().windows.end()) {
         return strings;
     }
     std::vector<uintptr_t> controls = it->second.controls;
     controls.push_back(it->second.root);
     for (uintptr_t c : controls) {
-        auto control = M().controls.find(c);
-        if (control == M().controls.end()) {
+        auto control = Windows().controls.find(c);
+        if (control == Windows().controls.end()) {
             continue;
         }
         PlatDestroyTarget(control->second.target);
         if (control->second.textRef != nullptr) {
             strings.push_back(control->second.textRef);
         }
-        M().controls.erase(control);
+        Windows().controls.erase(control);
     }
     PlatDestroyTarget(it->second.target);
-    M().windows.erase(it);
+    Windows().windows.erase(it);
     return strings;
 }
 
@@ -299,14 +309,14 @@ OSStatus PlatCreateWindowFromDef(const PlatWindowDef& def, WindowRef* outWindow)
         root.target = PlatCreateTarget(window.target);
         root.isRoot = true;
         root.frame = PlatRect{0, 0, def.width, def.height};
-        M().controls[window.root] = std::move(root);
+        Windows().controls[window.root] = std::move(root);
 
         for (size_t i = 0; i < controls.size(); i++) {
             uintptr_t controlId = PlatNewObjectId();
             ControlRec& c = controls[i];
             c.window = id;
             c.target = PlatCreateTarget(window.target);
-            M().controls[controlId] = std::move(c);
+            Windows().controls[controlId] = std::move(c);
             window.controls.push_back(controlId);
             /* A nib's default and cancel button types mark the window's buttons, as when
              * the program calls SetWindowDefaultButton and SetWindowCancelButton. */
@@ -317,14 +327,13 @@ OSStatus PlatCreateWindowFromDef(const PlatWindowDef& def, WindowRef* outWindow)
                 window.cancelButton = controlId;
             }
         }
-        M().windows[id] = std::move(window);
+        Windows().windows[id] = std::move(window);
     }
 
     WindowRef window = reinterpret_cast<WindowRef>(id);
-    const EventTypeSpec close = {kEventClassWindow, kEventWindowClose};
-    OSStatus status =
-        InstallEventHandler(GetWindowEventTarget(window), StandardWindowHandler, 1, &close, window, nullptr);
-    if (status == noErr && backend->createWindow != nullptr) {
+    PlatSetUnhandledEventHook(DisposeOnUnhandledClose);
+    OSStatus status = noErr;
+    if (backend->createWindow != nullptr) {
         status = backend->createWindow(window);
     }
     if (status != noErr) {
@@ -511,7 +520,7 @@ OSStatus GetControlByID(WindowRef inWindow, const ControlID* inID, ControlRef* o
         return errInvalidWindowRef;
     }
     for (uintptr_t c : window->controls) {
-        const ControlID& id = M().controls.at(c).id;
+        const ControlID& id = Windows().controls.at(c).id;
         if (id.signature == inID->signature && id.id == inID->id) {
             *outControl = reinterpret_cast<ControlRef>(c);
             return noErr;
@@ -660,8 +669,8 @@ OSStatus QuitAppModalLoopForWindow(WindowRef inWindow) {
 
 Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info) {
     Lock lock(PlatModelLock());
-    auto it = M().windows.find(IdOf(window));
-    if (info == nullptr || it == M().windows.end()) {
+    auto it = Windows().windows.find(IdOf(window));
+    if (info == nullptr || it == Windows().windows.end()) {
         return false;
     }
     const WindowRec& rec = it->second;
@@ -677,12 +686,12 @@ Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info) {
 
 Boolean PlatGetControlInfo(WindowRef window, size_t index, PlatControlInfo* info) {
     Lock lock(PlatModelLock());
-    auto it = M().windows.find(IdOf(window));
-    if (info == nullptr || it == M().windows.end() || index >= it->second.controls.size()) {
+    auto it = Windows().windows.find(IdOf(window));
+    if (info == nullptr || it == Windows().windows.end() || index >= it->second.controls.size()) {
         return false;
     }
     uintptr_t id = it->second.controls[index];
-    const ControlRec& rec = M().controls.at(id);
+    const ControlRec& rec = Windows().controls.at(id);
     info->control = reinterpret_cast<ControlRef>(id);
     info->kind = rec.kind;
     info->frame = rec.frame;
@@ -718,7 +727,7 @@ Boolean PlatScriptIsVisible(const char* windowName) {
         return false;
     }
     Lock lock(PlatModelLock());
-    for (const auto& [id, window] : M().windows) {
+    for (const auto& [id, window] : Windows().windows) {
         if (!window.disposing && window.visible && window.nibName == windowName) {
             return true;
         }
@@ -738,7 +747,7 @@ Boolean PlatScriptGetControlText(const char* windowName, OSType signature, SInt3
         return false;
     }
     for (uintptr_t c : window->controls) {
-        const ControlRec& control = M().controls.at(c);
+        const ControlRec& control = Windows().controls.at(c);
         if (control.id.signature == signature && control.id.id == id) {
             /* a text that does not fit is cut, and reported as not read */
             size_t n = control.text.size() < size ? control.text.size() : size - 1;
