@@ -23,55 +23,66 @@ struct __CFBundle {
 };
 static_assert(std::is_standard_layout_v<__CFBundle>, "the base must sit at the object's address");
 
-static void FinalizeBundle(PlatCFBase* object) {
+namespace {
+
+void FinalizeBundle(PlatCFBase* object) {
     delete reinterpret_cast<__CFBundle*>(object);
 }
 
-static const PlatCFClass kBundleClass = {FinalizeBundle};
+const PlatCFClass kBundleClass = {FinalizeBundle};
 
-static const __CFBundle* AsBundle(CFBundleRef bundle) {
+const __CFBundle* AsBundle(CFBundleRef bundle) {
     return reinterpret_cast<const __CFBundle*>(PlatCFCast(bundle, &kBundleClass));
 }
 
 /* ---- The main bundle ---- */
-static std::mutex gBundleLock;
-static std::string gExecutableOverride; /* PlatSetExecutablePath; empty: /proc/self/exe */
-static __CFBundle* gMainBundle;         /* made on first use; never freed, callers hold it unretained */
-static auto* gFormerMainBundles =
-    new std::vector<__CFBundle*>; /* replaced by PlatSetExecutablePath, still held */
+std::mutex gBundleLock;
+std::string gExecutableOverride; /* PlatSetExecutablePath; empty: /proc/self/exe */
+__CFBundle* gMainBundle;         /* made on first use; never freed, callers hold it unretained */
+/* Bundles replaced by PlatSetExecutablePath, still held by callers. */
+auto* gFormerMainBundles = new std::vector<__CFBundle*>;
 
-static std::string RunningExecutablePath() {
-    if (!gExecutableOverride.empty())
+std::string RunningExecutablePath() {
+    if (!gExecutableOverride.empty()) {
         return gExecutableOverride;
+    }
     char path[4096];
     ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
-    if (length <= 0)
+    if (length <= 0) {
         return std::string();
+    }
     std::string text(path, static_cast<size_t>(length));
     static const std::string kDeleted = " (deleted)";
     if (text.size() > kDeleted.size() &&
-        text.compare(text.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0)
+        text.compare(text.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
         text.resize(text.size() - kDeleted.size());
+    }
     return text;
 }
 
-static std::string AbsolutePath(const std::string& path) {
-    if (path.empty() || path[0] == '/')
+std::string AbsolutePath(const std::string& path) {
+    if (path.empty() || path[0] == '/') {
         return path;
+    }
     char cwd[4096];
-    if (getcwd(cwd, sizeof cwd) == nullptr)
+    if (getcwd(cwd, sizeof cwd) == nullptr) {
         return std::string();
+    }
     return std::string(cwd) + "/" + path;
 }
 
+} // namespace
+
 CFBundleRef CFBundleGetMainBundle(void) {
     std::lock_guard<std::mutex> guard(gBundleLock);
-    if (gMainBundle != nullptr)
+    if (gMainBundle != nullptr) {
         return reinterpret_cast<CFBundleRef>(gMainBundle);
+    }
     std::string executable = AbsolutePath(RunningExecutablePath());
     size_t slash = executable.rfind('/');
-    if (slash == std::string::npos || slash + 1 == executable.size())
+    if (slash == std::string::npos || slash + 1 == executable.size()) {
         return nullptr;
+    }
     std::string folder = executable.substr(0, slash);
     /* The Mac's program and the Linux one sit side by side in the same bundle. */
     bool isApplication = false;
@@ -89,8 +100,9 @@ CFBundleRef CFBundleGetMainBundle(void) {
     bundle->executable = executable;
     bundle->isApplication = isApplication;
     bundle->path = folder;
-    if (bundle->path.empty())
+    if (bundle->path.empty()) {
         bundle->path = "/";
+    }
     gMainBundle = bundle;
     return reinterpret_cast<CFBundleRef>(bundle);
 }
@@ -99,8 +111,9 @@ void PlatSetExecutablePath(const char* path) {
     std::lock_guard<std::mutex> guard(gBundleLock);
     gExecutableOverride = path == nullptr ? std::string() : std::string(path);
     /* The old bundle stays allocated: callers may still hold it under the Get rule. */
-    if (gMainBundle != nullptr)
+    if (gMainBundle != nullptr) {
         gFormerMainBundles->push_back(gMainBundle);
+    }
     gMainBundle = nullptr;
 }
 
@@ -114,10 +127,14 @@ CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle) {
     return object == nullptr ? nullptr : PlatCFURLCreateWithPath(object->executable, false);
 }
 
+namespace {
+
 /* ---- Languages ---- */
-static std::string ResourcesFolder(const __CFBundle* bundle) {
+std::string ResourcesFolder(const __CFBundle* bundle) {
     return bundle->isApplication ? bundle->path + "/Contents/Resources" : bundle->path;
 }
+
+} // namespace
 
 std::string PlatCFUserLocale() {
     for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
@@ -130,9 +147,11 @@ std::string PlatCFUserLocale() {
     return std::string();
 }
 
+namespace {
+
 /* The .lproj folder names to search, best first: the user's language (with its
  * region, then alone, then its old English name), then English. */
-static std::vector<std::string> LocalizationFolders() {
+std::vector<std::string> LocalizationFolders() {
     static const struct {
         const char* code;
         const char* name;
@@ -141,22 +160,26 @@ static std::vector<std::string> LocalizationFolders() {
     std::string locale = PlatCFUserLocale();
     std::vector<std::string> folders;
     auto add = [&folders](const std::string& name) {
-        if (name.empty())
+        if (name.empty()) {
             return;
+        }
         for (const std::string& folder : folders) {
-            if (folder == name + ".lproj")
+            if (folder == name + ".lproj") {
                 return;
+            }
         }
         folders.push_back(name + ".lproj");
     };
     std::string language = locale.substr(0, locale.find('_'));
     if (language != "C" && language != "POSIX" && language.find('/') == std::string::npos) {
-        if (locale != language)
+        if (locale != language) {
             add(locale);
+        }
         add(language);
         for (const auto& entry : kOldNames) {
-            if (language == entry.code)
+            if (language == entry.code) {
                 add(entry.name);
+            }
         }
         /* Chinese folders go by script, or by the region that stands for it. */
         if (language == "zh") {
@@ -171,48 +194,60 @@ static std::vector<std::string> LocalizationFolders() {
     return folders;
 }
 
-static bool PathExists(const std::string& path, bool* isDirectory) {
+bool PathExists(const std::string& path, bool* isDirectory) {
     struct stat info;
-    if (stat(path.c_str(), &info) != 0)
+    if (stat(path.c_str(), &info) != 0) {
         return false;
+    }
     *isDirectory = S_ISDIR(info.st_mode);
     return true;
 }
 
+} // namespace
+
 CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, CFStringRef resourceType,
                                  CFStringRef subDirName) {
     const __CFBundle* object = AsBundle(bundle);
-    if (object == nullptr || PlatCFStringCharacters(resourceName) == nullptr)
+    if (object == nullptr || PlatCFStringCharacters(resourceName) == nullptr) {
         return nullptr;
+    }
     std::string name = PlatCFStringToUTF8(resourceName);
     std::string type = PlatCFStringToUTF8(resourceType);
     std::string subfolder = PlatCFStringToUTF8(subDirName);
     if (name.empty() || name.find('\0') != std::string::npos || type.find('\0') != std::string::npos ||
-        subfolder.find('\0') != std::string::npos)
+        subfolder.find('\0') != std::string::npos) {
         return nullptr;
-    if (!type.empty())
+    }
+    if (!type.empty()) {
         name += type[0] == '.' ? type : "." + type;
+    }
     std::string relative = subfolder.empty() ? name : subfolder + "/" + name;
 
     std::string resources = ResourcesFolder(object);
     std::vector<std::string> candidates = {resources + "/" + relative};
-    for (const std::string& folder : LocalizationFolders())
+    for (const std::string& folder : LocalizationFolders()) {
         candidates.push_back(resources + "/" + folder + "/" + relative);
+    }
     for (const std::string& path : candidates) {
         bool isDirectory;
-        if (PathExists(path, &isDirectory))
+        if (PathExists(path, &isDirectory)) {
             return PlatCFURLCreateWithPath(path, isDirectory);
+        }
     }
     return nullptr;
 }
 
 /* ---- Localised strings ---- */
-/* A string table is a few kilobytes; anything near this is not one. */
-static constexpr size_t kMaxTableBytes = 4u << 20;
+namespace {
 
-static bool ReadWholeFile(const std::string& path, std::string& bytes) {
+/* A string table is a few kilobytes; anything near this is not one. */
+constexpr size_t kMaxTableBytes = 4u << 20;
+
+bool ReadWholeFile(const std::string& path, std::string& bytes) {
     return PlatCFReadRegularFile(path, kMaxTableBytes, bytes);
 }
+
+} // namespace
 
 CFStringRef CFBundleCopyLocalizedString(CFBundleRef bundle, CFStringRef key, CFStringRef value,
                                         CFStringRef tableName) {
@@ -223,26 +258,31 @@ CFStringRef CFBundleCopyLocalizedString(CFBundleRef bundle, CFStringRef key, CFS
     };
     const __CFBundle* object = AsBundle(bundle);
     const std::u16string* keyCharacters = PlatCFStringCharacters(key);
-    if (object == nullptr || keyCharacters == nullptr)
+    if (object == nullptr || keyCharacters == nullptr) {
         return fallback();
+    }
     std::string table = tableName == nullptr ? "Localizable" : PlatCFStringToUTF8(tableName);
-    if (table.empty() || table.find('/') != std::string::npos || table.find('\0') != std::string::npos)
+    if (table.empty() || table.find('/') != std::string::npos || table.find('\0') != std::string::npos) {
         return fallback();
+    }
 
     std::string resources = ResourcesFolder(object);
     std::vector<std::string> files;
-    for (const std::string& folder : LocalizationFolders())
+    for (const std::string& folder : LocalizationFolders()) {
         files.push_back(resources + "/" + folder + "/" + table + ".strings");
+    }
     files.push_back(resources + "/" + table + ".strings");
 
     std::string bytes;
     PlatCFStringsTable entries;
     for (const std::string& path : files) {
-        if (!ReadWholeFile(path, bytes) || !PlatCFParseStringsTable(bytes, entries))
+        if (!ReadWholeFile(path, bytes) || !PlatCFParseStringsTable(bytes, entries)) {
             continue;
+        }
         auto found = entries.find(*keyCharacters);
-        if (found != entries.end())
+        if (found != entries.end()) {
             return PlatCFStringCreateWithCharacters(found->second);
+        }
     }
     return fallback();
 }

@@ -12,18 +12,20 @@ struct __CFString {
 };
 static_assert(std::is_standard_layout_v<__CFString>, "the base must sit at the object's address");
 
-static void FinalizeString(PlatCFBase* object) {
+namespace {
+
+void FinalizeString(PlatCFBase* object) {
     delete reinterpret_cast<__CFString*>(object);
 }
 
-static const PlatCFClass kStringClass = {FinalizeString};
+const PlatCFClass kStringClass = {FinalizeString};
 
-static const __CFString* AsString(CFStringRef string) {
+const __CFString* AsString(CFStringRef string) {
     return reinterpret_cast<const __CFString*>(PlatCFCast(string, &kStringClass));
 }
 
 /* ---- Mac Roman: bytes 0x80-0xFF (0x00-0x7F are ASCII) ---- */
-static const UniChar kMacRomanHigh[128] = {
+const UniChar kMacRomanHigh[128] = {
     0x00C4, 0x00C5, 0x00C7, 0x00C9, 0x00D1, 0x00D6, 0x00DC, 0x00E1, 0x00E0, 0x00E2, 0x00E4, 0x00E3, 0x00E5,
     0x00E7, 0x00E9, 0x00E8, 0x00EA, 0x00EB, 0x00ED, 0x00EC, 0x00EE, 0x00EF, 0x00F1, 0x00F3, 0x00F2, 0x00F4,
     0x00F6, 0x00F5, 0x00FA, 0x00F9, 0x00FB, 0x00FC, 0x2020, 0x00B0, 0x00A2, 0x00A3, 0x00A7, 0x2022, 0x00B6,
@@ -35,23 +37,32 @@ static const UniChar kMacRomanHigh[128] = {
     0x00CB, 0x00C8, 0x00CD, 0x00CE, 0x00CF, 0x00CC, 0x00D3, 0x00D4, 0xF8FF, 0x00D2, 0x00DA, 0x00DB, 0x00D9,
     0x0131, 0x02C6, 0x02DC, 0x00AF, 0x02D8, 0x02D9, 0x02DA, 0x00B8, 0x02DD, 0x02DB, 0x02C7};
 
+} // namespace
+
 void PlatCFDecodeMacRoman(std::string_view bytes, std::u16string& out) {
     out.clear();
     out.reserve(bytes.size());
-    for (unsigned char byte : bytes)
+    for (unsigned char byte : bytes) {
         out.push_back(byte < 0x80 ? byte : kMacRomanHigh[byte - 0x80]);
+    }
 }
 
+namespace {
+
 /* The Mac Roman byte for a UTF-16 unit, or -1 when Mac Roman has none. */
-static int EncodeMacRoman(char16_t unit) {
-    if (unit < 0x80)
+int EncodeMacRoman(char16_t unit) {
+    if (unit < 0x80) {
         return unit;
+    }
     for (int i = 0; i < 128; ++i) {
-        if (kMacRomanHigh[i] == unit)
+        if (kMacRomanHigh[i] == unit) {
             return 0x80 + i;
+        }
     }
     return -1;
 }
+
+} // namespace
 
 /* ---- UTF-8 ---- */
 bool PlatCFDecodeUTF8(std::string_view bytes, std::u16string& out) {
@@ -76,16 +87,19 @@ bool PlatCFDecodeUTF8(std::string_view bytes, std::u16string& out) {
         } else {
             return false;
         }
-        if (bytes.size() - i <= extra)
+        if (bytes.size() - i <= extra) {
             return false;
+        }
         for (size_t k = 1; k <= extra; ++k) {
             unsigned char next = bytes[i + k];
-            if ((next & 0xC0) != 0x80)
+            if ((next & 0xC0) != 0x80) {
                 return false;
+            }
             value = (value << 6) | (next & 0x3F);
         }
-        if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF))
+        if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
             return false;
+        }
         if (value >= 0x10000) {
             value -= 0x10000;
             out.push_back(static_cast<char16_t>(0xD800 + (value >> 10)));
@@ -98,9 +112,11 @@ bool PlatCFDecodeUTF8(std::string_view bytes, std::u16string& out) {
     return true;
 }
 
+namespace {
+
 /* Appends the UTF-8 form of the units; an unpaired surrogate is written as
  * U+FFFD when lenient, else the conversion fails. */
-static bool EncodeUTF8(const std::u16string& units, std::string& out, bool lenient) {
+bool EncodeUTF8(const std::u16string& units, std::string& out, bool lenient) {
     for (size_t i = 0; i < units.size(); ++i) {
         char32_t value = units[i];
         if (value >= 0xD800 && value <= 0xDFFF) {
@@ -135,12 +151,14 @@ static bool EncodeUTF8(const std::u16string& units, std::string& out, bool lenie
 }
 
 /* ---- Creation ---- */
-static __CFString* NewString(std::u16string characters) {
+__CFString* NewString(std::u16string characters) {
     auto* string = new __CFString;
     PlatCFInit(&string->base, &kStringClass);
     string->characters = std::move(characters);
     return string;
 }
+
+} // namespace
 
 CFStringRef PlatCFStringCreateWithCharacters(std::u16string characters) {
     return NewString(std::move(characters));
@@ -148,14 +166,16 @@ CFStringRef PlatCFStringCreateWithCharacters(std::u16string characters) {
 
 CFStringRef PlatCFStringCreateWithUTF8(std::string_view utf8) {
     std::u16string characters;
-    if (!PlatCFDecodeUTF8(utf8, characters))
+    if (!PlatCFDecodeUTF8(utf8, characters)) {
         return nullptr;
+    }
     return NewString(std::move(characters));
 }
 
 CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char* cStr, CFStringEncoding encoding) {
-    if (cStr == nullptr)
+    if (cStr == nullptr) {
         return nullptr;
+    }
     std::string_view bytes(cStr);
     std::u16string characters;
     switch (encoding) {
@@ -164,14 +184,16 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char* cStr, CFString
         break;
     case kCFStringEncodingASCII:
         for (unsigned char byte : bytes) {
-            if (byte >= 0x80)
+            if (byte >= 0x80) {
                 return nullptr;
+            }
             characters.push_back(byte);
         }
         break;
     case kCFStringEncodingUTF8:
-        if (!PlatCFDecodeUTF8(bytes, characters))
+        if (!PlatCFDecodeUTF8(bytes, characters)) {
             return nullptr;
+        }
         break;
     default:
         return nullptr;
@@ -184,15 +206,18 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char* cStr, CFString
 CFStringRef __CFStringMakeConstantString(const char* cStr) {
     static std::mutex lock;
     static auto* constants = new std::unordered_map<std::string, __CFString*>;
-    if (cStr == nullptr)
+    if (cStr == nullptr) {
         return nullptr;
+    }
     std::lock_guard<std::mutex> guard(lock);
     auto found = constants->find(cStr);
-    if (found != constants->end())
+    if (found != constants->end()) {
         return found->second;
+    }
     std::u16string characters;
-    if (!PlatCFDecodeUTF8(cStr, characters))
+    if (!PlatCFDecodeUTF8(cStr, characters)) {
         PlatCFDecodeMacRoman(cStr, characters);
+    }
     __CFString* string = NewString(std::move(characters));
     string->base.immortal = true;
     constants->emplace(cStr, string);
@@ -207,8 +232,9 @@ const std::u16string* PlatCFStringCharacters(CFStringRef string) {
 
 std::string PlatCFStringToUTF8(CFStringRef string) {
     std::string text;
-    if (const __CFString* object = AsString(string))
+    if (const __CFString* object = AsString(string)) {
         EncodeUTF8(object->characters, text, true);
+    }
     return text;
 }
 
@@ -218,8 +244,9 @@ CFIndex CFStringGetLength(CFStringRef theString) {
 }
 
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding) {
-    if (length < 0)
+    if (length < 0) {
         return 0;
+    }
     switch (encoding) {
     case kCFStringEncodingMacRoman:
     case kCFStringEncodingASCII:
@@ -234,34 +261,40 @@ CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encod
 Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
                            CFStringEncoding encoding) {
     const __CFString* object = AsString(theString);
-    if (buffer == nullptr || bufferSize <= 0)
+    if (buffer == nullptr || bufferSize <= 0) {
         return false;
+    }
     buffer[0] = '\0';
-    if (object == nullptr)
+    if (object == nullptr) {
         return false;
+    }
     std::string bytes;
     switch (encoding) {
     case kCFStringEncodingMacRoman:
     case kCFStringEncodingASCII:
         for (char16_t unit : object->characters) {
             int byte = encoding == kCFStringEncodingASCII ? (unit < 0x80 ? unit : -1) : EncodeMacRoman(unit);
-            if (byte < 0)
+            if (byte < 0) {
                 return false;
+            }
             bytes.push_back(static_cast<char>(byte));
         }
         break;
     case kCFStringEncodingUTF8:
-        if (!EncodeUTF8(object->characters, bytes, false))
+        if (!EncodeUTF8(object->characters, bytes, false)) {
             return false;
+        }
         break;
     default:
         return false;
     }
     /* A zero unit would cut the C text short; such a string has no C form. */
-    if (bytes.find('\0') != std::string::npos)
+    if (bytes.find('\0') != std::string::npos) {
         return false;
-    if (static_cast<CFIndex>(bytes.size()) >= bufferSize)
+    }
+    if (static_cast<CFIndex>(bytes.size()) >= bufferSize) {
         return false;
+    }
     std::memcpy(buffer, bytes.c_str(), bytes.size() + 1);
     return true;
 }

@@ -16,16 +16,20 @@ bool DecodeTableText(std::string_view bytes, std::u16string& text) {
     if (bytes.size() >= 2 &&
         ((bytes[0] == '\xFF' && bytes[1] == '\xFE') || (bytes[0] == '\xFE' && bytes[1] == '\xFF'))) {
         bool bigEndian = bytes[0] == '\xFE';
-        if (bytes.size() % 2 != 0)
+        if (bytes.size() % 2 != 0) {
             return false;
-        for (size_t i = 2; i < bytes.size(); i += 2)
+        }
+        for (size_t i = 2; i < bytes.size(); i += 2) {
             text.push_back(unit(i, bigEndian));
+        }
         return true;
     }
-    if (bytes.size() >= 3 && bytes.substr(0, 3) == "\xEF\xBB\xBF")
+    if (bytes.size() >= 3 && bytes.substr(0, 3) == "\xEF\xBB\xBF") {
         bytes.remove_prefix(3);
-    if (!PlatCFDecodeUTF8(bytes, text))
+    }
+    if (!PlatCFDecodeUTF8(bytes, text)) {
         PlatCFDecodeMacRoman(bytes, text);
+    }
     return true;
 }
 
@@ -36,12 +40,15 @@ bool IsBareChar(char16_t c) {
 }
 
 int HexValue(char16_t c) {
-    if (c >= '0' && c <= '9')
+    if (c >= '0' && c <= '9') {
         return c - '0';
-    if (c >= 'a' && c <= 'f')
+    }
+    if (c >= 'a' && c <= 'f') {
         return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
+    }
+    if (c >= 'A' && c <= 'F') {
         return c - 'A' + 10;
+    }
     return -1;
 }
 
@@ -75,12 +82,14 @@ struct Parser {
                 ++pos;
             } else if (c == '/' && pos + 1 < text.size() && text[pos + 1] == '*') {
                 size_t end = text.find(u"*/", pos + 2);
-                if (end == std::u16string::npos)
+                if (end == std::u16string::npos) {
                     return false;
+                }
                 pos = end + 2;
             } else if (c == '/' && pos + 1 < text.size() && text[pos + 1] == '/') {
-                while (!AtEnd() && text[pos] != '\n' && text[pos] != '\r')
+                while (!AtEnd() && text[pos] != '\n' && text[pos] != '\r') {
                     ++pos;
+                }
             } else {
                 break;
             }
@@ -91,24 +100,28 @@ struct Parser {
     /* A quoted or bare string at pos. */
     bool ReadString(std::u16string& out) {
         out.clear();
-        if (AtEnd())
+        if (AtEnd()) {
             return false;
+        }
         if (text[pos] != '"') {
-            while (!AtEnd() && IsBareChar(text[pos]))
+            while (!AtEnd() && IsBareChar(text[pos])) {
                 out.push_back(text[pos++]);
+            }
             return !out.empty();
         }
         ++pos;
         while (!AtEnd()) {
             char16_t c = text[pos++];
-            if (c == '"')
+            if (c == '"') {
                 return true;
+            }
             if (c != '\\') {
                 out.push_back(c);
                 continue;
             }
-            if (AtEnd())
+            if (AtEnd()) {
                 return false;
+            }
             char16_t e = text[pos++];
             switch (e) {
             case 'n':
@@ -141,8 +154,9 @@ struct Parser {
                     value = value * 16 + HexValue(text[pos++]);
                     ++digits;
                 }
-                if (digits == 0)
+                if (digits == 0) {
                     return false;
+                }
                 out.push_back(static_cast<char16_t>(value));
                 break;
             }
@@ -150,8 +164,9 @@ struct Parser {
                 if (e >= '0' && e <= '7') {
                     unsigned value = e - '0';
                     for (int digits = 1; digits < 3 && !AtEnd() && text[pos] >= '0' && text[pos] <= '7';
-                         ++digits)
+                         ++digits) {
                         value = value * 8 + (text[pos++] - '0');
+                    }
                     out.push_back(static_cast<char16_t>(value & 0xFF));
                 } else {
                     out.push_back(e); /* \" \\ \' and any other character stand for themselves */
@@ -165,27 +180,32 @@ struct Parser {
     bool ReadEntries(PlatCFStringsTable& table, bool braced) {
         std::u16string key, value;
         for (;;) {
-            if (!SkipSpace())
+            if (!SkipSpace()) {
                 return false;
-            if (AtEnd())
+            }
+            if (AtEnd()) {
                 return !braced;
+            }
             if (braced && text[pos] == '}') {
                 ++pos;
                 return true;
             }
-            if (!ReadString(key) || !SkipSpace() || AtEnd())
+            if (!ReadString(key) || !SkipSpace() || AtEnd()) {
                 return false;
+            }
             if (text[pos] == ';') {
                 /* "key"; alone maps the key to itself. */
                 ++pos;
                 table[key] = key;
                 continue;
             }
-            if (text[pos] != '=')
+            if (text[pos] != '=') {
                 return false;
+            }
             ++pos;
-            if (!SkipSpace() || !ReadString(value) || !SkipSpace() || AtEnd() || text[pos] != ';')
+            if (!SkipSpace() || !ReadString(value) || !SkipSpace() || AtEnd() || text[pos] != ';') {
                 return false;
+            }
             ++pos;
             ReplaceUnshowable(value);
             table[key] = value;
@@ -198,8 +218,9 @@ struct Parser {
 bool PlatCFParseStringsTable(std::string_view bytes, PlatCFStringsTable& table) {
     table.clear();
     std::u16string text;
-    if (!DecodeTableText(bytes, text))
+    if (!DecodeTableText(bytes, text)) {
         return false;
+    }
     Parser parser{text};
     bool ok;
     if (!parser.SkipSpace()) {
@@ -210,7 +231,8 @@ bool PlatCFParseStringsTable(std::string_view bytes, PlatCFStringsTable& table) 
     } else {
         ok = parser.ReadEntries(table, false);
     }
-    if (!ok)
+    if (!ok) {
         table.clear();
+    }
     return ok;
 }

@@ -12,21 +12,23 @@ struct __CFURL {
 };
 static_assert(std::is_standard_layout_v<__CFURL>, "the base must sit at the object's address");
 
-static void FinalizeURL(PlatCFBase* object) {
+namespace {
+
+void FinalizeURL(PlatCFBase* object) {
     auto* url = reinterpret_cast<__CFURL*>(object);
     CFRelease(url->string);
     delete url;
 }
 
-static const PlatCFClass kURLClass = {FinalizeURL};
+const PlatCFClass kURLClass = {FinalizeURL};
 
-static const __CFURL* AsURL(CFURLRef url) {
+const __CFURL* AsURL(CFURLRef url) {
     return reinterpret_cast<const __CFURL*>(PlatCFCast(url, &kURLClass));
 }
 
 /* Every byte outside the unreserved characters and "/" is written as %XX with
  * upper-case digits, the form the launcher decodes. */
-static std::string EncodePath(const std::string& path) {
+std::string EncodePath(const std::string& path) {
     static const char kHex[] = "0123456789ABCDEF";
     std::string text;
     for (unsigned char byte : path) {
@@ -44,22 +46,28 @@ static std::string EncodePath(const std::string& path) {
     return text;
 }
 
+} // namespace
+
 CFURLRef PlatCFURLCreateWithPath(const std::string& path, bool isDirectory) {
-    if (path.empty())
+    if (path.empty()) {
         return nullptr;
+    }
     std::string absolute = path;
     if (absolute[0] != '/') {
         char cwd[4096];
-        if (getcwd(cwd, sizeof cwd) == nullptr)
+        if (getcwd(cwd, sizeof cwd) == nullptr) {
             return nullptr;
+        }
         absolute = std::string(cwd) + "/" + absolute;
     }
-    while (absolute.size() > 1 && absolute.back() == '/')
+    while (absolute.size() > 1 && absolute.back() == '/') {
         absolute.pop_back();
+    }
 
     std::string text = "file://localhost" + EncodePath(absolute);
-    if (isDirectory && absolute != "/")
+    if (isDirectory && absolute != "/") {
         text.push_back('/');
+    }
     /* Encoded text is plain ASCII, so this cannot fail. */
     CFStringRef string = PlatCFStringCreateWithUTF8(text);
 
@@ -77,11 +85,13 @@ const std::string* PlatCFURLPath(CFURLRef url) {
 
 CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef filePath, CFURLPathStyle pathStyle,
                                        Boolean isDirectory) {
-    if (pathStyle != kCFURLPOSIXPathStyle || PlatCFStringCharacters(filePath) == nullptr)
+    if (pathStyle != kCFURLPOSIXPathStyle || PlatCFStringCharacters(filePath) == nullptr) {
         return nullptr;
+    }
     std::string path = PlatCFStringToUTF8(filePath);
-    if (path.find('\0') != std::string::npos)
+    if (path.find('\0') != std::string::npos) {
         return nullptr;
+    }
     return PlatCFURLCreateWithPath(path, isDirectory);
 }
 
@@ -92,10 +102,12 @@ CFStringRef CFURLGetString(CFURLRef anURL) {
 
 Boolean CFURLGetFileSystemRepresentation(CFURLRef url, Boolean, UInt8* buffer, CFIndex maxBufLen) {
     const __CFURL* object = AsURL(url);
-    if (object == nullptr || buffer == nullptr || maxBufLen <= 0)
+    if (object == nullptr || buffer == nullptr || maxBufLen <= 0) {
         return false;
-    if (static_cast<CFIndex>(object->path.size()) >= maxBufLen)
+    }
+    if (static_cast<CFIndex>(object->path.size()) >= maxBufLen) {
         return false;
+    }
     std::memcpy(buffer, object->path.c_str(), object->path.size() + 1);
     return true;
 }

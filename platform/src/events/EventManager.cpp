@@ -170,7 +170,7 @@ OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler,
     }
     uintptr_t id = PlatNewObjectId();
     Registry().handlers[id] = HandlerRec{target->first, inHandler,
-                                    std::vector<EventTypeSpec>(inList, inList + inNumTypes), inUserData};
+                                         std::vector<EventTypeSpec>(inList, inList + inNumTypes), inUserData};
     target->second.handlers.push_back(id);
     if (outRef != nullptr) {
         *outRef = reinterpret_cast<EventHandlerRef>(id);

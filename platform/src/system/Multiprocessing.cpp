@@ -37,8 +37,9 @@ std::shared_ptr<Semaphore> Find(MPSemaphoreID semaphore) {
 
 OSStatus MPCreateSemaphore(MPSemaphoreCount maximumValue, MPSemaphoreCount initialValue,
                            MPSemaphoreID* semaphore) {
-    if (semaphore == nullptr || maximumValue == 0 || initialValue > maximumValue)
+    if (semaphore == nullptr || maximumValue == 0 || initialValue > maximumValue) {
         return paramErr;
+    }
     auto created = std::make_shared<Semaphore>();
     created->count = initialValue;
     created->maximum = maximumValue;
@@ -54,8 +55,9 @@ OSStatus MPDeleteSemaphore(MPSemaphoreID semaphore) {
     {
         std::lock_guard<std::mutex> guard(gRegistryLock);
         auto entry = Registry().find(reinterpret_cast<uintptr_t>(semaphore));
-        if (entry == Registry().end())
+        if (entry == Registry().end()) {
             return kMPInvalidIDErr;
+        }
         found = std::move(entry->second);
         Registry().erase(entry);
     }
@@ -69,14 +71,17 @@ OSStatus MPDeleteSemaphore(MPSemaphoreID semaphore) {
 
 OSStatus MPSignalSemaphore(MPSemaphoreID semaphore) {
     std::shared_ptr<Semaphore> found = Find(semaphore);
-    if (found == nullptr)
+    if (found == nullptr) {
         return kMPInvalidIDErr;
+    }
     {
         std::lock_guard<std::mutex> guard(found->lock);
-        if (found->deleted)
+        if (found->deleted) {
             return kMPInvalidIDErr;
-        if (found->count >= found->maximum)
+        }
+        if (found->count >= found->maximum) {
             return kMPInsufficientResourcesErr;
+        }
         ++found->count;
     }
     found->changed.notify_one();
@@ -85,8 +90,9 @@ OSStatus MPSignalSemaphore(MPSemaphoreID semaphore) {
 
 OSStatus MPWaitOnSemaphore(MPSemaphoreID semaphore, Duration timeout) {
     std::shared_ptr<Semaphore> found = Find(semaphore);
-    if (found == nullptr)
+    if (found == nullptr) {
         return kMPInvalidIDErr;
+    }
     std::unique_lock<std::mutex> guard(found->lock);
     auto ready = [&] { return found->deleted || found->count > 0; };
     if (timeout == kDurationForever) {
@@ -97,10 +103,12 @@ OSStatus MPWaitOnSemaphore(MPSemaphoreID semaphore, Duration timeout) {
                                  : std::chrono::microseconds(-static_cast<int64_t>(timeout));
         found->changed.wait_until(guard, std::chrono::steady_clock::now() + limit, ready);
     }
-    if (found->deleted)
+    if (found->deleted) {
         return kMPDeletedErr;
-    if (found->count == 0)
+    }
+    if (found->count == 0) {
         return kMPTimeoutErr;
+    }
     --found->count;
     return noErr;
 }

@@ -11,11 +11,13 @@
 #include <string>
 #include <unistd.h>
 
+namespace {
+
 /* High word of every serial number made from a pid, so that none of them can be
  * taken for {0, kSystemProcess} or {0, kCurrentProcess}. */
-static constexpr UInt32 kPidSerialHigh = 1;
+constexpr UInt32 kPidSerialHigh = 1;
 
-static void SetSerial(ProcessSerialNumber* serial, pid_t pid) {
+void SetSerial(ProcessSerialNumber* serial, pid_t pid) {
     serial->highLongOfPSN = kPidSerialHigh;
     serial->lowLongOfPSN = static_cast<UInt32>(pid);
 }
@@ -26,27 +28,33 @@ struct LastStep {
     pid_t pid = 0;
     std::string name;
 };
-static LastStep& LastStepOfThisThread() {
+
+LastStep& LastStepOfThisThread() {
     static thread_local LastStep last;
     return last;
 }
 
+} // namespace
+
 OSErr GetNextProcess(ProcessSerialNumber* PSN) {
-    if (PSN == nullptr)
+    if (PSN == nullptr) {
         return paramErr;
+    }
     pid_t after;
-    if (PSN->highLongOfPSN == 0 && PSN->lowLongOfPSN == kNoProcess)
+    if (PSN->highLongOfPSN == 0 && PSN->lowLongOfPSN == kNoProcess) {
         after = 0;
-    else if (PSN->highLongOfPSN == kPidSerialHigh && PSN->lowLongOfPSN <= INT_MAX)
+    } else if (PSN->highLongOfPSN == kPidSerialHigh && PSN->lowLongOfPSN <= INT_MAX) {
         after = static_cast<pid_t>(PSN->lowLongOfPSN);
-    else
+    } else {
         return paramErr;
+    }
     /* One listing of /proc per walk: a walk from kNoProcess takes a fresh snapshot and
      * each later step goes on in it, instead of listing every process at every step. */
     static thread_local std::vector<pid_t> snapshot;
     LastStep& last = LastStepOfThisThread();
-    if (after == 0 || !std::binary_search(snapshot.begin(), snapshot.end(), after))
+    if (after == 0 || !std::binary_search(snapshot.begin(), snapshot.end(), after)) {
         snapshot = PlatProcListPids();
+    }
     std::string name;
     for (auto next = std::upper_bound(snapshot.begin(), snapshot.end(), after); next != snapshot.end();
          ++next) {
@@ -64,26 +72,31 @@ OSErr GetNextProcess(ProcessSerialNumber* PSN) {
 }
 
 OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info) {
-    if (PSN == nullptr || info == nullptr || info->processInfoLength != sizeof(ProcessInfoRec))
+    if (PSN == nullptr || info == nullptr || info->processInfoLength != sizeof(ProcessInfoRec)) {
         return paramErr;
+    }
     pid_t pid;
-    if (PSN->highLongOfPSN == 0 && PSN->lowLongOfPSN == kCurrentProcess)
+    if (PSN->highLongOfPSN == 0 && PSN->lowLongOfPSN == kCurrentProcess) {
         pid = getpid();
-    else if (PSN->highLongOfPSN == kPidSerialHigh && PSN->lowLongOfPSN > 0 && PSN->lowLongOfPSN <= INT_MAX)
+    } else if (PSN->highLongOfPSN == kPidSerialHigh && PSN->lowLongOfPSN > 0 &&
+               PSN->lowLongOfPSN <= INT_MAX) {
         pid = static_cast<pid_t>(PSN->lowLongOfPSN);
-    else
+    } else {
         return procNotFound;
+    }
 
     std::string name;
     PlatProcStat stat;
     const LastStep& last = LastStepOfThisThread();
     bool named = true;
-    if (pid == last.pid)
+    if (pid == last.pid) {
         name = last.name;
-    else
+    } else {
         named = PlatProcExecutableName(pid, name);
-    if (!named || !PlatProcIsTheUsers(pid) || !PlatProcReadStat(pid, stat))
+    }
+    if (!named || !PlatProcIsTheUsers(pid) || !PlatProcReadStat(pid, stat)) {
         return procNotFound;
+    }
 
     if (info->processName != nullptr) {
         size_t length = name.size() > 255 ? 255 : name.size();

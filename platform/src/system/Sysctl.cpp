@@ -14,13 +14,20 @@
 static_assert(sizeof(struct kinfo_proc) == 648, "64-bit Darwin record size");
 static_assert(offsetof(struct kinfo_proc, kp_proc.p_comm) == 243, "64-bit Darwin command name offset");
 
-/* ---- Kernel release ---- */
-static constexpr const char* kEmulatedRelease = "10.8.0";
+namespace {
 
-static std::mutex gReleaseLock;
-static bool gReleaseOverridden;
-static std::string gReleaseOverride;
-static bool gReleaseQueryFails;
+/* ---- Kernel release ---- */
+constexpr const char* kEmulatedRelease = "10.8.0";
+
+std::mutex gReleaseLock;
+
+bool gReleaseOverridden;
+
+std::string gReleaseOverride;
+
+bool gReleaseQueryFails;
+
+} // namespace
 
 void PlatSetOSRelease(const char* release) {
     std::lock_guard<std::mutex> guard(gReleaseLock);
@@ -33,17 +40,20 @@ void PlatSetOSReleaseQueryFails(Boolean fails) {
     gReleaseQueryFails = fails;
 }
 
-static int Fail(int error) {
+namespace {
+
+int Fail(int error) {
     errno = error;
     return -1;
 }
 
-static int QueryRelease(void* oldp, size_t* oldlenp) {
+int QueryRelease(void* oldp, size_t* oldlenp) {
     std::string release;
     {
         std::lock_guard<std::mutex> guard(gReleaseLock);
-        if (gReleaseQueryFails)
+        if (gReleaseQueryFails) {
             return Fail(ENOENT);
+        }
         if (gReleaseOverridden) {
             release = gReleaseOverride;
         } else {
@@ -68,7 +78,7 @@ static int QueryRelease(void* oldp, size_t* oldlenp) {
 }
 
 /* ---- Process table ---- */
-static char DarwinState(char linuxState) {
+char DarwinState(char linuxState) {
     enum { SIDL = 1, SRUN, SSLEEP, SSTOP, SZOMB };
     switch (linuxState) {
     case 'R':
@@ -85,11 +95,12 @@ static char DarwinState(char linuxState) {
     }
 }
 
-static bool FillRecord(pid_t pid, struct kinfo_proc& record) {
+bool FillRecord(pid_t pid, struct kinfo_proc& record) {
     PlatProcStat stat;
     std::string command;
-    if (!PlatProcReadStat(pid, stat) || !PlatProcCommandName(pid, command))
+    if (!PlatProcReadStat(pid, stat) || !PlatProcCommandName(pid, command)) {
         return false;
+    }
     memset(&record, 0, sizeof record);
     record.kp_proc.p_pid = pid;
     record.kp_proc.p_stat = DarwinState(stat.state);
@@ -102,7 +113,7 @@ static bool FillRecord(pid_t pid, struct kinfo_proc& record) {
     return true;
 }
 
-static int QueryProcessTable(void* oldp, size_t* oldlenp) {
+int QueryProcessTable(void* oldp, size_t* oldlenp) {
     std::vector<pid_t> pids = PlatProcListPids();
     if (oldp == nullptr) {
         /* Room for processes started before the caller's second call. */
@@ -113,8 +124,9 @@ static int QueryProcessTable(void* oldp, size_t* oldlenp) {
     size_t written = 0;
     struct kinfo_proc record;
     for (pid_t pid : pids) {
-        if (!FillRecord(pid, record))
+        if (!FillRecord(pid, record)) {
             continue; /* ended meanwhile */
+        }
         if (written == capacity) {
             *oldlenp = written * sizeof record;
             return Fail(ENOMEM);
@@ -126,16 +138,22 @@ static int QueryProcessTable(void* oldp, size_t* oldlenp) {
     return 0;
 }
 
+} // namespace
+
 int sysctl(int* name, unsigned int namelen, void* oldp, size_t* oldlenp, void* newp, size_t newlen) {
-    if (name == nullptr || namelen < 2 || namelen > 12 || oldlenp == nullptr)
+    if (name == nullptr || namelen < 2 || namelen > 12 || oldlenp == nullptr) {
         return Fail(EINVAL);
-    if (name[0] != CTL_KERN)
+    }
+    if (name[0] != CTL_KERN) {
         return Fail(ENOENT);
+    }
     bool isRelease = name[1] == KERN_OSRELEASE && namelen == 2;
     bool isTable = name[1] == KERN_PROC && namelen >= 3 && namelen <= 4 && name[2] == KERN_PROC_ALL;
-    if (!isRelease && !isTable)
+    if (!isRelease && !isTable) {
         return Fail(ENOENT);
-    if (newp != nullptr || newlen != 0)
+    }
+    if (newp != nullptr || newlen != 0) {
         return Fail(EPERM); /* both are read-only */
+    }
     return isRelease ? QueryRelease(oldp, oldlenp) : QueryProcessTable(oldp, oldlenp);
 }

@@ -12,9 +12,14 @@
 #include <type_traits>
 #include <vector>
 
+namespace {
+
 /* Larger files or pictures are refused rather than exhausting memory on a bad header. */
-static constexpr size_t kMaxProviderBytes = 256u << 20;
-static constexpr size_t kMaxImageBytes = 256u << 20;
+constexpr size_t kMaxProviderBytes = 256u << 20;
+
+constexpr size_t kMaxImageBytes = 256u << 20;
+
+} // namespace
 
 struct CGDataProvider {
     PlatCFBase base;
@@ -29,30 +34,37 @@ struct CGImage {
 };
 static_assert(std::is_standard_layout_v<CGImage>, "the base must sit at the object's address");
 
-static void FinalizeProvider(PlatCFBase* object) {
+namespace {
+
+void FinalizeProvider(PlatCFBase* object) {
     delete reinterpret_cast<CGDataProvider*>(object);
 }
 
-static void FinalizeImage(PlatCFBase* object) {
+void FinalizeImage(PlatCFBase* object) {
     auto* image = reinterpret_cast<CGImage*>(object);
     free(image->rgba);
     delete image;
 }
 
-static const PlatCFClass kProviderClass = {FinalizeProvider};
-static const PlatCFClass kImageClass = {FinalizeImage};
+const PlatCFClass kProviderClass = {FinalizeProvider};
 
-static const CGImage* AsImage(CGImageRef image) {
+const PlatCFClass kImageClass = {FinalizeImage};
+
+const CGImage* AsImage(CGImageRef image) {
     return reinterpret_cast<const CGImage*>(PlatCFCast(image, &kImageClass));
 }
 
+} // namespace
+
 CGDataProviderRef CGDataProviderCreateWithURL(CFURLRef url) {
     const std::string* path = PlatCFURLPath(url);
-    if (path == nullptr)
+    if (path == nullptr) {
         return nullptr;
+    }
     std::string bytes;
-    if (!PlatCFReadRegularFile(*path, kMaxProviderBytes, bytes))
+    if (!PlatCFReadRegularFile(*path, kMaxProviderBytes, bytes)) {
         return nullptr;
+    }
     auto* provider = new CGDataProvider;
     PlatCFInit(&provider->base, &kProviderClass);
     provider->bytes.assign(bytes.begin(), bytes.end());
@@ -60,23 +72,26 @@ CGDataProviderRef CGDataProviderCreateWithURL(CFURLRef url) {
 }
 
 void CGDataProviderRelease(CGDataProviderRef provider) {
-    if (provider != nullptr)
+    if (provider != nullptr) {
         CFRelease(provider);
+    }
 }
 
 CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat*, bool,
                                             CGColorRenderingIntent) {
     auto* provider = reinterpret_cast<const CGDataProvider*>(PlatCFCast(source, &kProviderClass));
-    if (provider == nullptr || provider->bytes.size() < 8 || png_sig_cmp(provider->bytes.data(), 0, 8) != 0)
+    if (provider == nullptr || provider->bytes.size() < 8 || png_sig_cmp(provider->bytes.data(), 0, 8) != 0) {
         return nullptr;
+    }
 
     /* The simplified reader keeps libpng's error jumps to itself: a corrupt or cut
      * file just makes a call answer zero. */
     png_image png;
     memset(&png, 0, sizeof png);
     png.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_memory(&png, provider->bytes.data(), provider->bytes.size()))
+    if (!png_image_begin_read_from_memory(&png, provider->bytes.data(), provider->bytes.size())) {
         return nullptr;
+    }
     png.format = PNG_FORMAT_RGBA;
     size_t size = PNG_IMAGE_SIZE(png);
     if (png.width == 0 || png.height == 0 || size / 4 / png.width != png.height || size > kMaxImageBytes) {
@@ -117,6 +132,7 @@ const unsigned char* PlatCGImageGetRGBA(CGImageRef image) {
 }
 
 void CGImageRelease(CGImageRef image) {
-    if (image != nullptr)
+    if (image != nullptr) {
         CFRelease(image);
+    }
 }

@@ -443,9 +443,11 @@ EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
     return nullptr;
 }
 
+namespace {
+
 /* Makes control the window's default or cancel button, and has the backend draw
  * the button that lost the part and the one that got it. */
-static OSStatus SetWindowButton(WindowRef inWindow, ControlRef inControl, uintptr_t WindowRec::*button) {
+OSStatus SetWindowButton(WindowRef inWindow, ControlRef inControl, uintptr_t WindowRec::*button) {
     uintptr_t old = 0;
     {
         Lock lock(PlatModelLock());
@@ -472,7 +474,7 @@ static OSStatus SetWindowButton(WindowRef inWindow, ControlRef inControl, uintpt
     return noErr;
 }
 
-static OSStatus GetWindowButton(WindowRef inWindow, ControlRef* outControl, uintptr_t WindowRec::*button) {
+OSStatus GetWindowButton(WindowRef inWindow, ControlRef* outControl, uintptr_t WindowRec::*button) {
     if (outControl == nullptr) {
         return paramErr;
     }
@@ -485,6 +487,8 @@ static OSStatus GetWindowButton(WindowRef inWindow, ControlRef* outControl, uint
     *outControl = reinterpret_cast<ControlRef>(window->*button);
     return noErr;
 }
+
+} // namespace
 
 OSStatus SetWindowDefaultButton(WindowRef inWindow, ControlRef inControl) {
     return SetWindowButton(inWindow, inControl, &WindowRec::defaultButton);
