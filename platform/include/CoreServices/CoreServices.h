@@ -13,10 +13,7 @@ typedef struct OpaqueMPSemaphoreID* MPSemaphoreID;
 typedef ItemCount MPSemaphoreCount;
 
 /* Durations: positive values are milliseconds, negative values microseconds. */
-enum {
-    kDurationImmediate = 0,
-    kDurationForever = 0x7FFFFFFF
-};
+enum { kDurationImmediate = 0, kDurationForever = 0x7FFFFFFF };
 
 OSStatus MPCreateSemaphore(MPSemaphoreCount maximumValue, MPSemaphoreCount initialValue,
                            MPSemaphoreID* semaphore);
@@ -56,7 +53,8 @@ enum { kNoProcess = 0, kSystemProcess = 1, kCurrentProcess = 2 };
 
 OSErr GetNextProcess(ProcessSerialNumber* PSN);
 /* processName, when not null, receives up to 255 bytes of name after a length
- * byte. processAppRef is not filled. */
+ * byte; processNumber, processType ('APPL') and processSignature ('????') are set and
+ * the other fields zero. processAppRef is not filled. */
 OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info);
 
 #ifdef __cplusplus

@@ -102,11 +102,10 @@ bool PlatProcReadStat(pid_t pid, PlatProcStat& stat) {
         return false;
     }
     /* Fields after the name, from 0: state ppid pgrp session tty_nr tpgid flags
-     * minflt cminflt majflt cmajflt utime stime cutime cstime priority nice
-     * num_threads itrealvalue starttime vsize */
+     * minflt cminflt majflt cmajflt utime stime cutime cstime priority nice */
     std::vector<std::string> fields;
     char* position = nullptr;
-    for (char* token = strtok_r(rest + 1, " \n", &position); token != nullptr && fields.size() < 21;
+    for (char* token = strtok_r(rest + 1, " \n", &position); token != nullptr && fields.size() < 17;
          token = strtok_r(nullptr, " \n", &position)) {
         fields.push_back(token);
     }
@@ -122,11 +121,6 @@ bool PlatProcReadStat(pid_t pid, PlatProcStat& stat) {
     stat.ttyNumber = static_cast<int>(number(4));
     stat.ttyProcessGroup = static_cast<pid_t>(number(5));
     stat.nice = static_cast<long>(number(16));
-    auto unsignedNumber = [&fields](size_t index) {
-        return index < fields.size() ? strtoull(fields[index].c_str(), nullptr, 10) : 0ULL;
-    };
-    stat.startTicks = unsignedNumber(19);
-    stat.virtualSize = unsignedNumber(20);
     return true;
 }
 

@@ -13,7 +13,7 @@ void PlatSetProcRoot(const char* root);
 /* The numeric entries of the root, in ascending order. */
 std::vector<pid_t> PlatProcListPids();
 
-/* What /proc/<pid>/stat tells, the fields the layer reports. */
+/* What /proc/<pid>/stat tells, the fields sysctl reports. */
 struct PlatProcStat {
     char state = '?';
     pid_t ppid = 0;
@@ -21,8 +21,6 @@ struct PlatProcStat {
     int ttyNumber = 0;
     pid_t ttyProcessGroup = 0;
     long nice = 0;
-    unsigned long long startTicks = 0; /* clock ticks after boot */
-    unsigned long long virtualSize = 0;
 };
 bool PlatProcReadStat(pid_t pid, PlatProcStat& stat);
 

@@ -86,7 +86,6 @@ OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info
     }
 
     std::string name;
-    PlatProcStat stat;
     const LastStep& last = LastStepOfThisThread();
     bool named = true;
     if (pid == last.pid) {
@@ -94,7 +93,7 @@ OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info
     } else {
         named = PlatProcExecutableName(pid, name);
     }
-    if (!named || !PlatProcIsTheUsers(pid) || !PlatProcReadStat(pid, stat)) {
+    if (!named || !PlatProcIsTheUsers(pid)) {
         return procNotFound;
     }
 
@@ -106,19 +105,15 @@ OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info
     SetSerial(&info->processNumber, pid);
     info->processType = 'APPL';
     info->processSignature = 0x3F3F3F3F; /* '????', no creator code */
+    /* What Linux has no answer for (memory partitions, launch dates) or the launcher never
+     * asks (the parent) is zero: the walk reads one link per process and nothing more. */
     info->processMode = 0;
     info->processLocation = nullptr;
-    info->processSize = stat.virtualSize > UINT32_MAX ? UINT32_MAX : static_cast<UInt32>(stat.virtualSize);
+    info->processSize = 0;
     info->processFreeMem = 0;
-    if (stat.ppid > 0) {
-        SetSerial(&info->processLauncher, stat.ppid);
-    } else {
-        info->processLauncher.highLongOfPSN = 0;
-        info->processLauncher.lowLongOfPSN = kNoProcess;
-    }
-    /* Launch time in ticks (1/60 s) after start-up, as the Mac counts it. */
-    long clockTicks = sysconf(_SC_CLK_TCK);
-    info->processLaunchDate = clockTicks > 0 ? static_cast<UInt32>(stat.startTicks * 60 / clockTicks) : 0;
+    info->processLauncher.highLongOfPSN = 0;
+    info->processLauncher.lowLongOfPSN = kNoProcess;
+    info->processLaunchDate = 0;
     info->processActiveTime = 0;
     /* processAppRef is left as it is: there are no FSRefs to give. */
     return noErr;
