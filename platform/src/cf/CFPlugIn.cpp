@@ -109,9 +109,8 @@ void* Open(const std::string& path, const char* entryName, std::string& reason) 
     return entry;
 }
 
-} // namespace
-
-std::string PlatCFPlugInsFolder() {
+/* The main bundle's plug-in folder; empty without a bundle. */
+std::string PlugInsFolder() {
     CFURLRef bundleURL = CFBundleCopyBundleURL(CFBundleGetMainBundle());
     const std::string* bundle = PlatCFURLPath(bundleURL);
     std::string folder =
@@ -120,8 +119,10 @@ std::string PlatCFPlugInsFolder() {
     return folder;
 }
 
+} // namespace
+
 void* PlatCFOpenPlugIn(const char* fileName, const char* entryName) {
-    std::string folder = PlatCFPlugInsFolder();
+    std::string folder = PlugInsFolder();
     std::string reason = "no main bundle";
     void* entry = nullptr;
     if (!folder.empty()) {

@@ -56,25 +56,24 @@ void PlatCFDecodeMacRoman(std::string_view bytes, std::u16string& out);
 /* ---- URLs ---- */
 /* A file URL for an absolute path (a relative one is taken from the working
  * directory). Directory URLs end in "/". */
+CFURLRef PlatCFURLCreateWithPath(const std::string& path, bool isDirectory);
+/* The URL's file-system path, without a trailing "/" except for the root. */
+const std::string* PlatCFURLPath(CFURLRef url);
+
+/* ---- Files of the bundle ---- */
 /* The whole of a regular file of at most limit bytes, opened without waiting (a pipe or a
  * device reads as absent); false and no bytes otherwise. */
 bool PlatCFReadRegularFile(const std::string& path, size_t limit, std::string& bytes);
 
-/* The main bundle's plug-in folder, <bundle>/Contents/Linux/PlugIns; empty without a bundle. */
-std::string PlatCFPlugInsFolder();
-/* The entry point of the plug-in fileName of that folder, opened with dlopen once it is seen
- * to be a whole shared object of this machine. Null when it is not there, is no such object,
- * does not load or lacks the entry: one line on standard error then names it and says why.
- * A plug-in once opened stays open. */
+/* The entry point of the plug-in fileName of the main bundle's <bundle>/Contents/Linux/PlugIns, opened with
+ * dlopen once it is seen to be a whole shared object of this machine. Null when it is not there, is no such
+ * object, does not load or lacks the entry: one line on standard error then names it and says why. A plug-in
+ * once opened stays open. */
 void* PlatCFOpenPlugIn(const char* fileName, const char* entryName);
 
 /* The user's locale as bundles read it (LC_ALL, LC_MESSAGES, LANG: the first set), without
  * its encoding or modifier: "de_DE" for "de_DE.UTF-8"; empty when none is set. */
 std::string PlatCFUserLocale();
-
-CFURLRef PlatCFURLCreateWithPath(const std::string& path, bool isDirectory);
-/* The URL's file-system path, without a trailing "/" except for the root. */
-const std::string* PlatCFURLPath(CFURLRef url);
 
 /* ---- .strings tables ---- */
 typedef std::map<std::u16string, std::u16string> PlatCFStringsTable;
