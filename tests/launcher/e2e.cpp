@@ -262,3 +262,23 @@ TEST_F(EndToEnd, QuestionBoxWithoutTheSystemsXmlAndPngLibraries) {
     EXPECT_NE(run.output.find(prompt), std::string::npos) << run.output;
     EXPECT_GE(FindMessage(run.log, "AutoInstallPkg Enter"), 0) << run.output;
 }
+
+// Under a display, a GTK module that is a named pipe is refused at once with one line, and
+// the question box goes as when no window can be made: its close box, so the application
+// starts and nothing is installed.
+TEST_F(EndToEnd, RefusedGtkModuleIsAsNoWindow) {
+    Install(SysConfig(2, 0, 1, 0, 0, 0));
+    setenv("LANG", "C.UTF-8", 1);
+    std::string bundle = Disc("Volumes/pipe/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_));
+    const std::string module = bundle + "/Contents/Linux/PlugIns/PlatformGtk.so";
+    fs::create_directories(fs::path(module).parent_path());
+    fs::remove(module);
+    ASSERT_EQ(mkfifo(module.c_str(), 0600), 0);
+    RunResult run = Launch(bundle, false, "", "", [] { setenv("DISPLAY", ":kestrun-nowhere", 1); });
+    EXPECT_NE(run.output.find("PlatformGtk.so is not loaded: not a regular file\n"), std::string::npos)
+        << run.output;
+    int failed = FindMessage(run.log, "CreateWindowFromNib failed");
+    EXPECT_TRUE(failed >= 0 && run.log[failed].function == "MessageBox") << run.output;
+    EXPECT_LT(FindMessage(run.log, "AutoInstallPkg Enter"), 0) << run.output;
+    EXPECT_TRUE(Within(5000, [&] { return fs::exists(started_); })) << run.output;
+}
