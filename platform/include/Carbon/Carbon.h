@@ -88,7 +88,6 @@ OSStatus RemoveEventHandler(EventHandlerRef inHandlerRef);
 
 EventTargetRef GetApplicationEventTarget(void);
 EventTargetRef GetWindowEventTarget(WindowRef inWindow);
-EventTargetRef GetControlEventTarget(ControlRef inControl);
 EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject);
 
 #define InstallApplicationEventHandler(h, n, l, u, r)                                                        \

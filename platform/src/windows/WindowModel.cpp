@@ -420,15 +420,6 @@ EventTargetRef GetWindowEventTarget(WindowRef inWindow) {
     return rec == nullptr ? nullptr : rec->target;
 }
 
-EventTargetRef GetControlEventTarget(ControlRef inControl) {
-    if (PlatRefusedOffMainThread("GetControlEventTarget")) {
-        return nullptr;
-    }
-    Lock lock(PlatModelLock());
-    ControlRec* rec = LiveControl(inControl);
-    return rec == nullptr ? nullptr : rec->target;
-}
-
 EventTargetRef HIObjectGetEventTarget(HIObjectRef inObject) {
     if (PlatRefusedOffMainThread("HIObjectGetEventTarget")) {
         return nullptr;
@@ -711,7 +702,7 @@ Boolean PlatGetControlInfo(WindowRef window, size_t index, PlatControlInfo* info
 }
 
 void PlatPostControlHit(ControlRef control) {
-    EventTargetRef target = GetControlEventTarget(control);
+    EventTargetRef target = HIObjectGetEventTarget(reinterpret_cast<HIObjectRef>(control));
     if (target != nullptr) {
         PostUserEvent(kEventClassControl, kEventControlHit, typeControlRef, control, target);
     }
