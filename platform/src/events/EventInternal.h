@@ -19,6 +19,10 @@ std::recursive_mutex& PlatModelLock();
 
 /* A fresh identifier, usable as any of the layer's references. */
 uintptr_t PlatNewObjectId();
+/* The identifier a reference stands for. */
+inline uintptr_t PlatIdOf(const void* ref) {
+    return reinterpret_cast<uintptr_t>(ref);
+}
 
 /* Windows, controls, nibs and loops belong to the main thread. Called elsewhere,
  * this writes one line naming the call to standard error and answers true: the

@@ -39,10 +39,6 @@ MainQueueState& MainQueue() {
     return *queue;
 }
 
-uintptr_t IdOf(const void* ref) {
-    return reinterpret_cast<uintptr_t>(ref);
-}
-
 std::atomic<void (*)(void)> gWait{nullptr};
 std::atomic<void (*)(void)> gWake{nullptr};
 
@@ -77,7 +73,7 @@ bool DispatchOnePosted() {
         if (event == nullptr) {
             return false;
         }
-        queue.posted.erase(IdOf(event));
+        queue.posted.erase(PlatIdOf(event));
     }
     EventTargetRef target = nullptr;
     if (GetEventParameter(event, kEventParamPostTarget, typeEventTargetRef, nullptr, sizeof target, nullptr,
@@ -152,9 +148,9 @@ OSStatus PostEventToQueue(EventQueueRef inQueue, EventRef inEvent, EventPriority
     OSStatus status = noErr;
     {
         std::lock_guard<std::mutex> lock(queue.lock);
-        if (IdOf(inQueue) != queue.id) {
+        if (PlatIdOf(inQueue) != queue.id) {
             status = paramErr;
-        } else if (!queue.posted.insert(IdOf(inEvent)).second) {
+        } else if (!queue.posted.insert(PlatIdOf(inEvent)).second) {
             status = eventAlreadyPostedErr;
         } else {
             queue.byPriority[inPriority].push_back(inEvent);

@@ -66,12 +66,8 @@ EventRegistry& Registry() {
     return *registry;
 }
 
-uintptr_t IdOf(const void* ref) {
-    return reinterpret_cast<uintptr_t>(ref);
-}
-
 EventRec* FindEvent(EventRef event) {
-    auto it = Registry().events.find(IdOf(event));
+    auto it = Registry().events.find(PlatIdOf(event));
     return it == Registry().events.end() ? nullptr : &it->second;
 }
 
@@ -133,13 +129,13 @@ bool PlatRefusedOffMainThread(const char* call) {
 EventTargetRef PlatCreateTarget(EventTargetRef parent) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     uintptr_t id = PlatNewObjectId();
-    Registry().targets[id] = TargetRec{IdOf(parent), {}};
+    Registry().targets[id] = TargetRec{PlatIdOf(parent), {}};
     return reinterpret_cast<EventTargetRef>(id);
 }
 
 void PlatDestroyTarget(EventTargetRef target) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
-    auto it = Registry().targets.find(IdOf(target));
+    auto it = Registry().targets.find(PlatIdOf(target));
     if (it == Registry().targets.end() || it->first == Registry().applicationTarget) {
         return;
     }
@@ -164,7 +160,7 @@ OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler,
         return paramErr;
     }
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
-    auto target = Registry().targets.find(IdOf(inTarget));
+    auto target = Registry().targets.find(PlatIdOf(inTarget));
     if (target == Registry().targets.end()) {
         return paramErr;
     }
@@ -180,7 +176,7 @@ OSStatus InstallEventHandler(EventTargetRef inTarget, EventHandlerUPP inHandler,
 
 OSStatus RemoveEventHandler(EventHandlerRef inHandlerRef) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
-    auto handler = Registry().handlers.find(IdOf(inHandlerRef));
+    auto handler = Registry().handlers.find(PlatIdOf(inHandlerRef));
     if (handler == Registry().handlers.end()) {
         return paramErr;
     }
@@ -227,7 +223,7 @@ void ReleaseEvent(EventRef inEvent) {
     std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
     EventRec* rec = FindEvent(inEvent);
     if (rec != nullptr && --rec->retainCount == 0) {
-        Registry().events.erase(IdOf(inEvent));
+        Registry().events.erase(PlatIdOf(inEvent));
     }
 }
 
@@ -312,13 +308,13 @@ OSStatus SendEventToEventTarget(EventRef inEvent, EventTargetRef inTarget) {
     {
         std::lock_guard<std::recursive_mutex> lock(PlatModelLock());
         EventRec* rec = FindEvent(inEvent);
-        if (rec == nullptr || Registry().targets.count(IdOf(inTarget)) == 0) {
+        if (rec == nullptr || Registry().targets.count(PlatIdOf(inTarget)) == 0) {
             return paramErr;
         }
         rec->retainCount++; /* a handler may release it while it travels */
         eventClass = rec->eventClass;
         kind = rec->kind;
-        for (uintptr_t t = IdOf(inTarget); t != 0;) {
+        for (uintptr_t t = PlatIdOf(inTarget); t != 0;) {
             chain.push_back(t);
             auto it = Registry().targets.find(t);
             t = it == Registry().targets.end() ? 0 : it->second.parent;

@@ -66,13 +66,9 @@ WindowModel& Windows() {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-uintptr_t IdOf(const void* ref) {
-    return reinterpret_cast<uintptr_t>(ref);
-}
-
 /* A window that exists and is not being disposed of. Call with the lock held. */
 WindowRec* LiveWindow(WindowRef window) {
-    auto it = Windows().windows.find(IdOf(window));
+    auto it = Windows().windows.find(PlatIdOf(window));
     if (it == Windows().windows.end() || it->second.disposing) {
         return nullptr;
     }
@@ -80,7 +76,7 @@ WindowRec* LiveWindow(WindowRef window) {
 }
 
 ControlRec* LiveControl(ControlRef control) {
-    auto it = Windows().controls.find(IdOf(control));
+    auto it = Windows().controls.find(PlatIdOf(control));
     if (it == Windows().controls.end() || Windows().windows.at(it->second.window).disposing) {
         return nullptr;
     }
@@ -388,7 +384,7 @@ void DisposeWindow(WindowRef window) {
     std::vector<CFStringRef> strings;
     {
         Lock lock(PlatModelLock());
-        strings = EraseWindow(IdOf(window));
+        strings = EraseWindow(PlatIdOf(window));
     }
     ReleaseAll(strings);
     PlatReleaseBackend();
@@ -448,14 +444,14 @@ OSStatus SetWindowButton(WindowRef inWindow, ControlRef inControl, uintptr_t Win
         }
         ControlRec* control = inControl == nullptr ? nullptr : LiveControl(inControl);
         if (inControl != nullptr &&
-            (control == nullptr || control->isRoot || control->window != IdOf(inWindow))) {
+            (control == nullptr || control->isRoot || control->window != PlatIdOf(inWindow))) {
             return errUnknownControl;
         }
         old = window->*button;
-        window->*button = IdOf(inControl);
+        window->*button = PlatIdOf(inControl);
     }
     if (Backend() != nullptr && Backend()->controlChanged != nullptr) {
-        if (old != 0 && old != IdOf(inControl)) {
+        if (old != 0 && old != PlatIdOf(inControl)) {
             Backend()->controlChanged(inWindow, reinterpret_cast<ControlRef>(old));
         }
         if (inControl != nullptr) {
@@ -664,7 +660,7 @@ OSStatus QuitAppModalLoopForWindow(WindowRef inWindow) {
 
 Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info) {
     Lock lock(PlatModelLock());
-    auto it = Windows().windows.find(IdOf(window));
+    auto it = Windows().windows.find(PlatIdOf(window));
     if (info == nullptr || it == Windows().windows.end()) {
         return false;
     }
@@ -681,7 +677,7 @@ Boolean PlatGetWindowInfo(WindowRef window, PlatWindowInfo* info) {
 
 Boolean PlatGetControlInfo(WindowRef window, size_t index, PlatControlInfo* info) {
     Lock lock(PlatModelLock());
-    auto it = Windows().windows.find(IdOf(window));
+    auto it = Windows().windows.find(PlatIdOf(window));
     if (info == nullptr || it == Windows().windows.end() || index >= it->second.controls.size()) {
         return false;
     }
