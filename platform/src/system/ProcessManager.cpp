@@ -87,13 +87,10 @@ OSErr GetProcessInformation(const ProcessSerialNumber* PSN, ProcessInfoRec* info
 
     std::string name;
     const LastStep& last = LastStepOfThisThread();
-    bool named = true;
+    /* The walk has just looked at the process it stepped to. */
     if (pid == last.pid) {
         name = last.name;
-    } else {
-        named = PlatProcExecutableName(pid, name);
-    }
-    if (!named || !PlatProcIsTheUsers(pid)) {
+    } else if (!PlatProcIsTheUsers(pid) || !PlatProcExecutableName(pid, name)) {
         return procNotFound;
     }
 
