@@ -19,3 +19,10 @@ target_compile_definitions(plat_test_module_with_entry PRIVATE WITH_ENTRY)
 target_compile_definitions(platform_ui_tests PRIVATE
   PLAT_TEST_MODULE="$<TARGET_FILE:plat_test_module_with_entry>"
   PLAT_TEST_OTHER_LIBRARY="$<TARGET_FILE:plat_test_module_without_entry>")
+
+# What the launcher's program exports to the GTK module.
+if(TARGET Launcher AND TARGET PlatformGtk)
+  add_test(NAME LauncherExportsOnlyTheLayersCalls
+           COMMAND ${CMAKE_COMMAND} -DPROGRAM=$<TARGET_FILE:Launcher> -DNM=${CMAKE_NM}
+                   -P ${CMAKE_CURRENT_SOURCE_DIR}/exports.cmake)
+endif()
