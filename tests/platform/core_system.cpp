@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <cmath>
 #include <algorithm>
 #include <cstddef>
 #include <map>
@@ -238,6 +239,20 @@ std::string Decode(const std::string& path, std::vector<unsigned char>* rgba = n
     }
     CGImageRelease(image);
     return std::to_string(width) + "x" + std::to_string(height);
+}
+
+// The picture and nib readers' few calls of libm reach libm, opened at the first one.
+TEST(LibmOnDemand, CallsGiveLibmsAnswers) {
+    volatile double two = 2.0, ten = 10.0, seven = 7.5;
+    int exponent = 0;
+    double whole = 0;
+    EXPECT_EQ(pow(two, ten), 1024.0);
+    EXPECT_EQ(fmod(seven, two), 1.5);
+    EXPECT_EQ(floor(-seven), -8.0);
+    EXPECT_EQ(frexp(seven, &exponent), 0.9375);
+    EXPECT_EQ(exponent, 3);
+    EXPECT_EQ(modf(-seven, &whole), -0.5);
+    EXPECT_EQ(whole, -7.0);
 }
 
 TEST(PNGImage, PicturesDecodeOtherFilesDoNot) {

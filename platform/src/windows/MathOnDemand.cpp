@@ -1,7 +1,7 @@
 /* The calls of the C library's libm that the picture and nib readers make. libm is
  * a library of its own on Linux: linked as usual, every run would map it at start, windows
- * or not. These take its place in the program and open it at their first call, as the
- * window code used to be opened. They are hidden: the C library has frexp and modf too,
+ * or not. These take its place in the program and open it at their first call, as the GTK
+ * module is opened when a window needs it. They are hidden: the C library has frexp and modf too,
  * and a program's copy of a library's symbol would otherwise be exported and taken by
  * every library loaded later, GTK's included. (<math.h> and the compiler's built-in math
  * stay out: their declarations would make them visible again.) */
