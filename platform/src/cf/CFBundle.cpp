@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <mutex>
 #include <sys/stat.h>
-#include <type_traits>
 #include <unistd.h>
 #include <vector>
 
@@ -21,19 +20,10 @@ struct __CFBundle {
     std::string executable; /* absolute path of the executable */
     bool isApplication;     /* executable in <path>/Contents/MacOS or <path>/Contents/Linux */
 };
-static_assert(std::is_standard_layout_v<__CFBundle>, "the base must sit at the object's address");
 
 namespace {
 
-void FinalizeBundle(PlatCFBase* object) {
-    delete reinterpret_cast<__CFBundle*>(object);
-}
-
-const PlatCFClass kBundleClass = {FinalizeBundle};
-
-const __CFBundle* AsBundle(CFBundleRef bundle) {
-    return reinterpret_cast<const __CFBundle*>(PlatCFCast(bundle, &kBundleClass));
-}
+using BundleKind = PlatCFKind<__CFBundle>;
 
 /* ---- The main bundle ---- */
 std::mutex gBundleLock;
@@ -94,8 +84,7 @@ CFBundleRef CFBundleGetMainBundle(void) {
             break;
         }
     }
-    auto* bundle = new __CFBundle;
-    PlatCFInit(&bundle->base, &kBundleClass);
+    __CFBundle* bundle = BundleKind::New();
     bundle->base.immortal = true;
     bundle->executable = executable;
     bundle->isApplication = isApplication;
@@ -118,12 +107,12 @@ void PlatSetExecutablePath(const char* path) {
 }
 
 CFURLRef CFBundleCopyBundleURL(CFBundleRef bundle) {
-    const __CFBundle* object = AsBundle(bundle);
+    const __CFBundle* object = BundleKind::Cast(bundle);
     return object == nullptr ? nullptr : PlatCFURLCreateWithPath(object->path, true);
 }
 
 CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle) {
-    const __CFBundle* object = AsBundle(bundle);
+    const __CFBundle* object = BundleKind::Cast(bundle);
     return object == nullptr ? nullptr : PlatCFURLCreateWithPath(object->executable, false);
 }
 
@@ -207,7 +196,7 @@ bool PathExists(const std::string& path, bool* isDirectory) {
 
 CFURLRef CFBundleCopyResourceURL(CFBundleRef bundle, CFStringRef resourceName, CFStringRef resourceType,
                                  CFStringRef subDirName) {
-    const __CFBundle* object = AsBundle(bundle);
+    const __CFBundle* object = BundleKind::Cast(bundle);
     if (object == nullptr || PlatCFStringCharacters(resourceName) == nullptr) {
         return nullptr;
     }
@@ -256,7 +245,7 @@ CFStringRef CFBundleCopyLocalizedString(CFBundleRef bundle, CFStringRef key, CFS
         CFStringRef answer = CFStringGetLength(value) > 0 || key == nullptr ? value : key;
         return answer == nullptr ? nullptr : static_cast<CFStringRef>(CFRetain(answer));
     };
-    const __CFBundle* object = AsBundle(bundle);
+    const __CFBundle* object = BundleKind::Cast(bundle);
     const std::u16string* keyCharacters = PlatCFStringCharacters(key);
     if (object == nullptr || keyCharacters == nullptr) {
         return fallback();

@@ -3,26 +3,16 @@
 
 #include <cstring>
 #include <mutex>
-#include <type_traits>
 #include <unordered_map>
 
 struct __CFString {
     PlatCFBase base;
     std::u16string characters;
 };
-static_assert(std::is_standard_layout_v<__CFString>, "the base must sit at the object's address");
 
 namespace {
 
-void FinalizeString(PlatCFBase* object) {
-    delete reinterpret_cast<__CFString*>(object);
-}
-
-const PlatCFClass kStringClass = {FinalizeString};
-
-const __CFString* AsString(CFStringRef string) {
-    return reinterpret_cast<const __CFString*>(PlatCFCast(string, &kStringClass));
-}
+using StringKind = PlatCFKind<__CFString>;
 
 /* ---- Mac Roman: bytes 0x80-0xFF (0x00-0x7F are ASCII) ---- */
 const UniChar kMacRomanHigh[128] = {
@@ -152,8 +142,7 @@ bool EncodeUTF8(const std::u16string& units, std::string& out, bool lenient) {
 
 /* ---- Creation ---- */
 __CFString* NewString(std::u16string characters) {
-    auto* string = new __CFString;
-    PlatCFInit(&string->base, &kStringClass);
+    __CFString* string = StringKind::New();
     string->characters = std::move(characters);
     return string;
 }
@@ -226,20 +215,20 @@ CFStringRef __CFStringMakeConstantString(const char* cStr) {
 
 /* ---- Access ---- */
 const std::u16string* PlatCFStringCharacters(CFStringRef string) {
-    const __CFString* object = AsString(string);
+    const __CFString* object = StringKind::Cast(string);
     return object == nullptr ? nullptr : &object->characters;
 }
 
 std::string PlatCFStringToUTF8(CFStringRef string) {
     std::string text;
-    if (const __CFString* object = AsString(string)) {
+    if (const __CFString* object = StringKind::Cast(string)) {
         EncodeUTF8(object->characters, text, true);
     }
     return text;
 }
 
 CFIndex CFStringGetLength(CFStringRef theString) {
-    const __CFString* object = AsString(theString);
+    const __CFString* object = StringKind::Cast(theString);
     return object == nullptr ? 0 : static_cast<CFIndex>(object->characters.size());
 }
 
@@ -260,7 +249,7 @@ CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encod
 
 Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
                            CFStringEncoding encoding) {
-    const __CFString* object = AsString(theString);
+    const __CFString* object = StringKind::Cast(theString);
     if (buffer == nullptr || bufferSize <= 0) {
         return false;
     }

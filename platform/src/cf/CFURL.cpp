@@ -2,29 +2,18 @@
 #include "cf/PlatCF.h"
 
 #include <cstring>
-#include <type_traits>
 #include <unistd.h>
 
 struct __CFURL {
     PlatCFBase base;
-    std::string path;   /* file-system form, no trailing "/" except the root */
-    CFStringRef string; /* "file://localhost" + encoded path (+ "/" for a directory) */
+    std::string path;             /* file-system form, no trailing "/" except the root */
+    CFStringRef string = nullptr; /* "file://localhost" + encoded path (+ "/" for a directory) */
+    ~__CFURL() { CFRelease(string); }
 };
-static_assert(std::is_standard_layout_v<__CFURL>, "the base must sit at the object's address");
 
 namespace {
 
-void FinalizeURL(PlatCFBase* object) {
-    auto* url = reinterpret_cast<__CFURL*>(object);
-    CFRelease(url->string);
-    delete url;
-}
-
-const PlatCFClass kURLClass = {FinalizeURL};
-
-const __CFURL* AsURL(CFURLRef url) {
-    return reinterpret_cast<const __CFURL*>(PlatCFCast(url, &kURLClass));
-}
+using URLKind = PlatCFKind<__CFURL>;
 
 /* Every byte outside the unreserved characters and "/" is written as %XX with
  * upper-case digits, the form the launcher decodes. */
@@ -71,15 +60,14 @@ CFURLRef PlatCFURLCreateWithPath(const std::string& path, bool isDirectory) {
     /* Encoded text is plain ASCII, so this cannot fail. */
     CFStringRef string = PlatCFStringCreateWithUTF8(text);
 
-    auto* url = new __CFURL;
-    PlatCFInit(&url->base, &kURLClass);
+    __CFURL* url = URLKind::New();
     url->path = std::move(absolute);
     url->string = string;
     return reinterpret_cast<CFURLRef>(url);
 }
 
 const std::string* PlatCFURLPath(CFURLRef url) {
-    const __CFURL* object = AsURL(url);
+    const __CFURL* object = URLKind::Cast(url);
     return object == nullptr ? nullptr : &object->path;
 }
 
@@ -96,12 +84,12 @@ CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef filePath, CFU
 }
 
 CFStringRef CFURLGetString(CFURLRef anURL) {
-    const __CFURL* object = AsURL(anURL);
+    const __CFURL* object = URLKind::Cast(anURL);
     return object == nullptr ? nullptr : object->string;
 }
 
 Boolean CFURLGetFileSystemRepresentation(CFURLRef url, Boolean, UInt8* buffer, CFIndex maxBufLen) {
-    const __CFURL* object = AsURL(url);
+    const __CFURL* object = URLKind::Cast(url);
     if (object == nullptr || buffer == nullptr || maxBufLen <= 0) {
         return false;
     }

@@ -1,10 +1,9 @@
 /* The CoreFoundation object base, shared by every reference-counted object of
  * the layer (strings, URLs, bundles, CoreGraphics objects).
  *
- * A kind of object is a standard-layout struct whose first member is a PlatCFBase,
- * described by one static PlatCFClass, whose address is the kind's identity. Create it
- * with new, call PlatCFInit, and give it a finalize that deletes it: CFRelease calls
- * finalize when the last reference goes. */
+ * A kind of object is a standard-layout struct whose first member is a PlatCFBase; its
+ * PlatCFKind makes one and finds it behind a reference. CFRelease deletes it when the last
+ * reference goes, so what it holds is freed by its destructor. */
 #ifndef PLATFORM_PLATCF_H
 #define PLATFORM_PLATCF_H
 
@@ -14,6 +13,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 struct PlatCFBase;
 
@@ -38,6 +38,20 @@ void PlatCFInit(PlatCFBase* object, const PlatCFClass* cls);
 
 /* The object behind a CFTypeRef when it is of that class, else null. */
 const PlatCFBase* PlatCFCast(CFTypeRef cf, const PlatCFClass* cls);
+
+/* The kind of object T: New() makes one with one reference, Cast() finds one behind a
+ * reference (null for null, a foreign pointer or another kind). */
+template <typename T> struct PlatCFKind {
+    static_assert(std::is_standard_layout_v<T>, "the base must sit at the object's address");
+    static void Delete(PlatCFBase* object) { delete reinterpret_cast<T*>(object); }
+    static inline const PlatCFClass kClass = {Delete};
+    static T* New() {
+        auto* object = new T;
+        PlatCFInit(&object->base, &kClass);
+        return object;
+    }
+    static const T* Cast(CFTypeRef cf) { return reinterpret_cast<const T*>(PlatCFCast(cf, &kClass)); }
+};
 
 /* ---- Strings ---- */
 /* A new string from UTF-8 text; invalid sequences give null. */

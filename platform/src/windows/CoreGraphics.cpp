@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <png.h>
-#include <type_traits>
 #include <vector>
 
 namespace {
@@ -25,34 +24,18 @@ struct CGDataProvider {
     PlatCFBase base;
     std::vector<unsigned char> bytes;
 };
-static_assert(std::is_standard_layout_v<CGDataProvider>, "the base must sit at the object's address");
 
 struct CGImage {
     PlatCFBase base;
-    size_t width, height;
-    unsigned char* rgba; /* width * 4 bytes per row, malloc'd */
+    size_t width = 0, height = 0;
+    unsigned char* rgba = nullptr; /* width * 4 bytes per row, malloc'd */
+    ~CGImage() { free(rgba); }
 };
-static_assert(std::is_standard_layout_v<CGImage>, "the base must sit at the object's address");
 
 namespace {
 
-void FinalizeProvider(PlatCFBase* object) {
-    delete reinterpret_cast<CGDataProvider*>(object);
-}
-
-void FinalizeImage(PlatCFBase* object) {
-    auto* image = reinterpret_cast<CGImage*>(object);
-    free(image->rgba);
-    delete image;
-}
-
-const PlatCFClass kProviderClass = {FinalizeProvider};
-
-const PlatCFClass kImageClass = {FinalizeImage};
-
-const CGImage* AsImage(CGImageRef image) {
-    return reinterpret_cast<const CGImage*>(PlatCFCast(image, &kImageClass));
-}
+using ProviderKind = PlatCFKind<CGDataProvider>;
+using ImageKind = PlatCFKind<CGImage>;
 
 } // namespace
 
@@ -65,8 +48,7 @@ CGDataProviderRef CGDataProviderCreateWithURL(CFURLRef url) {
     if (!PlatCFReadRegularFile(*path, kMaxProviderBytes, bytes)) {
         return nullptr;
     }
-    auto* provider = new CGDataProvider;
-    PlatCFInit(&provider->base, &kProviderClass);
+    CGDataProvider* provider = ProviderKind::New();
     provider->bytes.assign(bytes.begin(), bytes.end());
     return provider;
 }
@@ -79,7 +61,7 @@ void CGDataProviderRelease(CGDataProviderRef provider) {
 
 CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat*, bool,
                                             CGColorRenderingIntent) {
-    auto* provider = reinterpret_cast<const CGDataProvider*>(PlatCFCast(source, &kProviderClass));
+    const CGDataProvider* provider = ProviderKind::Cast(source);
     if (provider == nullptr || provider->bytes.size() < 8 || png_sig_cmp(provider->bytes.data(), 0, 8) != 0) {
         return nullptr;
     }
@@ -108,8 +90,7 @@ CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFl
         free(rgba);
         return nullptr;
     }
-    auto* image = new CGImage;
-    PlatCFInit(&image->base, &kImageClass);
+    CGImage* image = ImageKind::New();
     image->width = png.width;
     image->height = png.height;
     image->rgba = rgba;
@@ -117,17 +98,17 @@ CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFl
 }
 
 size_t CGImageGetWidth(CGImageRef image) {
-    const CGImage* object = AsImage(image);
+    const CGImage* object = ImageKind::Cast(image);
     return object == nullptr ? 0 : object->width;
 }
 
 size_t CGImageGetHeight(CGImageRef image) {
-    const CGImage* object = AsImage(image);
+    const CGImage* object = ImageKind::Cast(image);
     return object == nullptr ? 0 : object->height;
 }
 
 const unsigned char* PlatCGImageGetRGBA(CGImageRef image) {
-    const CGImage* object = AsImage(image);
+    const CGImage* object = ImageKind::Cast(image);
     return object == nullptr ? nullptr : object->rgba;
 }
 
