@@ -2,7 +2,9 @@
  *
  * APP is an application bundle (the program named by CFBundleExecutable in its
  * Contents/Info.plist, in Contents/MacOS) or an executable file. The program runs
- * detached, in its own session, with standard input and output on /dev/null.
+ * detached, in its own session, with standard input on /dev/null and its standard output
+ * and error in $XDG_STATE_HOME/kestrun/<program>.log (~/.local/state when that is not set),
+ * begun anew at each start: what a program started from the desktop says is kept there.
  *
  * As on the Mac, an application runs once: while the program is running, opening it again
  * starts nothing and succeeds. The rule is a lock file per program (by its real path) in
@@ -26,6 +28,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -47,13 +51,50 @@ bool IsExecutableFile(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && access(path.c_str(), X_OK) == 0;
 }
 
+// A property list is a few kilobytes; anything far larger is not one.
+constexpr off_t kMaxPlistBytes = 1 << 20;
+
+// The whole file when it is a regular file of a size a property list can have: a pipe or a
+// device in its place is refused before a byte is read (reading one could wait for ever).
+bool ReadPlist(const std::string& path, std::string* bytes, std::string* problem) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        *problem = path + ": " + (errno == ENOENT ? "no such file" : strerror(errno));
+        return false;
+    }
+    struct stat info;
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kMaxPlistBytes) {
+        *problem =
+            path + (S_ISREG(info.st_mode) ? ": too large for a property list" : ": not a regular file");
+        close(fd);
+        return false;
+    }
+    bytes->resize(static_cast<size_t>(info.st_size));
+    size_t done = 0;
+    while (done < bytes->size()) {
+        ssize_t got = read(fd, &(*bytes)[done], bytes->size() - done);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(got);
+    }
+    close(fd);
+    bytes->resize(done);
+    return true;
+}
+
 // The CFBundleExecutable value of an Info.plist: the <string> after that <key> in the top <dict>.
 std::string BundleExecutableName(const std::string& plistPath, std::string* problem) {
+    std::string bytes;
+    if (!ReadPlist(plistPath, &bytes, problem)) {
+        return std::string();
+    }
     pugi::xml_document document;
-    pugi::xml_parse_result parsed = document.load_file(plistPath.c_str());
-    if (!parsed) {
-        *problem = plistPath + ": " +
-                   (parsed.status == pugi::status_file_not_found ? "no such file" : "not a property list");
+    if (!document.load_buffer(bytes.data(), bytes.size())) {
+        *problem = plistPath + ": not a property list";
         return std::string();
     }
     pugi::xml_node dict = document.child("plist").child("dict");
@@ -143,9 +184,48 @@ Instance TakeInstanceLock(const std::string& program, int* lock) {
     return Instance::kLocked;
 }
 
-void CloseAllBut(int keepA, int keepB) {
+// Makes a folder and those above it, private to the user where it is new.
+bool MakeFolders(const std::string& path) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        mkdir(path.substr(0, slash).c_str(), 0700);
+    }
+    struct stat info;
+    return (mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) && lstat(path.c_str(), &info) == 0 &&
+           S_ISDIR(info.st_mode) && info.st_uid == getuid();
+}
+
+// The file that keeps the program's output, emptied; -1 (and the reason) when there is none.
+int OpenOutputFile(const std::string& program, std::string* where) {
+    const char* state = getenv("XDG_STATE_HOME");
+    const char* home = getenv("HOME");
+    std::string folder;
+    if (state != nullptr && state[0] == '/') {
+        folder = std::string(state) + "/kestrun";
+    } else if (home != nullptr && home[0] == '/') {
+        folder = std::string(home) + "/.local/state/kestrun";
+    } else {
+        *where = "no XDG_STATE_HOME or HOME";
+        return -1;
+    }
+    *where = folder + "/" + program.substr(program.rfind('/') + 1) + ".log";
+    if (!MakeFolders(folder)) {
+        *where += ": no folder of this user's own there";
+        return -1;
+    }
+    int fd = open(where->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        *where += std::string(": ") + strerror(errno);
+    } else if (fd <= STDERR_FILENO) { // the watcher puts /dev/null there
+        int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close(fd);
+        fd = moved;
+    }
+    return fd;
+}
+
+void CloseAllBut(std::initializer_list<int> keep) {
     for (int fd = STDERR_FILENO + 1; fd < 1024; ++fd) {
-        if (fd != keepA && fd != keepB) {
+        if (std::find(keep.begin(), keep.end(), fd) == keep.end()) {
             close(fd);
         }
     }
@@ -153,8 +233,10 @@ void CloseAllBut(int keepA, int keepB) {
 
 // Starts the program in a session of its own, under a watcher that is not our child, so that
 // both outlive us and no terminal or pipe of ours stays tied to them. The watcher holds the
-// instance lock (if any) until the program ends. Returns 0, or the errno of the failed start.
-int StartDetached(const std::string& program, const std::vector<std::string>& arguments, int lock) {
+// instance lock (if any) until the program ends. The program's output goes to output (or
+// /dev/null when that is -1). Returns 0, or the errno of the failed start.
+int StartDetached(const std::string& program, const std::vector<std::string>& arguments, int lock,
+                  int output) {
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(program.c_str()));
     for (const std::string& argument : arguments) {
@@ -185,12 +267,16 @@ int StartDetached(const std::string& program, const std::vector<std::string>& ar
             dup2(null, STDOUT_FILENO);
             dup2(null, STDERR_FILENO);
         }
-        CloseAllBut(report[1], lock);
+        CloseAllBut({report[1], lock, output});
         int started[2];
         int error = pipe2(started, O_CLOEXEC) != 0 ? errno : 0;
         pid_t running = error == 0 ? fork() : -1;
         if (running == 0) {
-            CloseAllBut(started[1], -1); // the lock stays with the watcher
+            if (output >= 0) {
+                dup2(output, STDOUT_FILENO);
+                dup2(output, STDERR_FILENO);
+            }
+            CloseAllBut({started[1]}); // the lock stays with the watcher
             execv(program.c_str(), argv.data());
             error = errno;
             ssize_t written = write(started[1], &error, sizeof error);
@@ -198,6 +284,9 @@ int StartDetached(const std::string& program, const std::vector<std::string>& ar
         }
         if (running < 0 && error == 0) {
             error = errno;
+        }
+        if (output >= 0) {
+            close(output); // the program's, not the watcher's
         }
         if (running > 0) {
             close(started[1]);
@@ -254,7 +343,15 @@ int main(int argc, char** argv) {
     case Instance::kLocked:
         break;
     }
-    int error = StartDetached(program, std::vector<std::string>(argv + 3, argv + argc), lock);
+    std::string outputFile;
+    int output = OpenOutputFile(program, &outputFile);
+    if (output < 0) {
+        fprintf(stderr, "open: %s: its output is not kept (%s)\n", program.c_str(), outputFile.c_str());
+    }
+    int error = StartDetached(program, std::vector<std::string>(argv + 3, argv + argc), lock, output);
+    if (output >= 0) {
+        close(output);
+    }
     if (error != 0) {
         fprintf(stderr, "open: %s: cannot start: %s\n", program.c_str(), strerror(error));
         return kFailure;
