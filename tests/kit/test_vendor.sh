@@ -145,15 +145,7 @@ TZ=UTC xorriso -indev "$tmp/images/bsd.iso" -find /autorun.sh -exec lsdl 2>/dev/
   fail "with a Mac's tools the image's dates are not 2010-01-01"
 
 # A PATH with everything but cmake.
-nocmake="$tmp/nocmake"
-mkdir "$nocmake"
-IFS=: read -ra dirs <<<"$PATH"
-for dir in "${dirs[@]}"; do
-  for tool in "$dir"/*; do
-    name=${tool##*/}
-    [ "$name" = cmake ] || [ -e "$nocmake/$name" ] || ln -s "$tool" "$nocmake/$name"
-  done
-done
-PATH="$nocmake" run "$tmp/out" --check "$vendor"
+path_without "$tmp/nocmake" cmake
+PATH="$tmp/nocmake" run "$tmp/out" --check "$vendor"
 [ "$status" -eq 2 ] || fail "without cmake: status $status"
 says "$tmp/out" "cmake is not installed: run scripts/setup"
