@@ -9,13 +9,25 @@
 # from a stand-in bundle at $XDG_RUNTIME_DIR/kestrun/Volumes/NAME/Launcher.app: its own copy
 # of the launcher program and of AutoSetup (the launcher copies AutoSetup, and the installer
 # script accepts no link), and links to everything else on the disc.
+#
+# Started from a terminal without a display, the launcher runs on that terminal, in the
+# foreground, so that its question is asked there; otherwise it runs detached and its output
+# is kept where open keeps it ($XDG_STATE_HOME/kestrun/Launcher.log).
 disc=$(cd "$(dirname "$0")" && pwd)
 PATH="$disc/.linux:$PATH"
 export PATH
 bundle="$disc/Launcher.app"
+linux_program=Contents/MacOS/Launcher # the Linux program in a bundle
+
+start() { # <bundle>
+  if [ -t 0 ] && [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+    exec "$1/$linux_program"
+  fi
+  exec open -a "$1"
+}
 
 case "$disc" in
-  */Volumes/*) exec open -a "$bundle" ;;
+  */Volumes/*) start "$bundle" ;;
 esac
 
 base=${XDG_RUNTIME_DIR:-}
@@ -26,11 +38,11 @@ fi
 # Only a folder of this user's own that nobody else can write may hold the stand-in.
 if [ -L "$base" ] || [ -z "$(find "$base" -prune -user "$(id -u)" ! -perm -020 ! -perm -002 2>/dev/null)" ]; then
   echo "autorun: no private folder for the launcher; starting it from the disc" >&2
-  exec open -a "$bundle"
+  start "$bundle"
 fi
 
 standin="$base/kestrun/Volumes/$(basename "$disc")/Launcher.app"
-mkdir -p "$standin/Contents/MacOS" || exec open -a "$bundle"
+mkdir -p "$standin/Contents/MacOS" || start "$bundle"
 # Files are replaced by renaming, so that a launcher already running keeps its own.
 replace_with_copy() { # <source> <destination>
   cp -p "$1" "$2.new.$$" && mv -f "$2.new.$$" "$2"
@@ -48,4 +60,4 @@ for entry in "$bundle/Contents/"* "$bundle/Contents/".[!.]*; do
        ln -s "$entry" "$standin/Contents/$name.new.$$" && mv -fT "$standin/Contents/$name.new.$$" "$standin/Contents/$name" ;;
   esac
 done
-exec open -a "$standin"
+start "$standin"

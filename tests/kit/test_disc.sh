@@ -70,6 +70,13 @@ done
 expect "the launcher from the image installs the vendor's package" [ -f "$app/Contents/Resources/SysConfig.dat" ]
 expect "it took the disc's path" grep -q 'Install from dashboard path' /var/tmp/Kestrun.log
 expect "the installer script removed the staged package" [ ! -e /tmp/qv_tmp_vantorel.mpkg ]
+
+# From a terminal without a display the launcher stays on that terminal and asks there: the
+# installed copy is made older, so the launcher asks whether to install the newer one.
+sed -i 's/^VRVersion=4/VRVersion=3/' "$app/Contents/Resources/SysConfig.dat"
+(unset DISPLAY WAYLAND_DISPLAY; XDG_RUNTIME_DIR="$tmp/run" LC_ALL=C \
+  python3 "$(dirname "$0")/on_terminal.py" "newer version" '\x04' "$media/autorun.sh" > "$tmp/terminal.out" 2>&1) ||
+  fail "autorun.sh on a terminal did not ask there: $(cat "$tmp/terminal.out")"
 put_back_fixed_paths
 
 # Bad input: a clear message, status not 0, no image and no partial file.
