@@ -11,6 +11,8 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <PlatformTesting.h>
 
+#include "CheckStatus.h"
+
 #include <dirent.h>
 #include <limits.h>
 #include <stdio.h>
@@ -24,11 +26,6 @@
 #include <vector>
 
 namespace {
-
-constexpr int kClean = 0;
-constexpr int kWarnings = 1;
-constexpr int kErrors = 2;
-constexpr int kUsage = 3;
 
 constexpr const char* kNibFile = "main.nib/objects.xib";
 constexpr const char* kStringsFile = "custom.strings";
@@ -65,7 +62,7 @@ int gStatus = kClean;
 
 void Report(bool isError, const std::string& text) {
     printf("%s: %s\n", isError ? "error" : "warning", text.c_str());
-    gStatus = std::max(gStatus, isError ? kErrors : kWarnings);
+    gStatus = std::max(gStatus, isError ? kUnreadable : kWarnings);
 }
 
 bool IsFile(const std::string& path) {
@@ -239,13 +236,13 @@ int main(int argc, char** argv) {
     char bundle[PATH_MAX];
     if (realpath(argv[1], bundle) == nullptr) {
         fprintf(stderr, "bundle-check: %s: no such bundle\n", argv[1]);
-        return kErrors;
+        return kUnreadable;
     }
     const std::string resources = std::string(bundle) + "/Contents/Resources";
     DIR* listing = opendir(resources.c_str());
     if (listing == nullptr) {
         fprintf(stderr, "bundle-check: %s: no such folder\n", resources.c_str());
-        return kErrors;
+        return kUnreadable;
     }
     std::vector<std::string> folders;
     while (const dirent* entry = readdir(listing)) {
@@ -263,7 +260,7 @@ int main(int argc, char** argv) {
         std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/bundle-check.XXXXXX";
     if (mkdtemp(&scratch[0]) == nullptr) {
         fprintf(stderr, "bundle-check: cannot make a scratch folder in %s\n", scratch.c_str());
-        return kErrors;
+        return kUnreadable;
     }
     bool englishNib = false;
     for (size_t i = 0; i < folders.size(); i++) {

@@ -6,6 +6,8 @@
 #include "Common/INI.h"
 
 #include <errno.h>
+#include "CheckStatus.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,11 +17,6 @@
 #include <vector>
 
 namespace {
-
-constexpr int kClean = 0;
-constexpr int kWarnings = 1;
-constexpr int kUnreadable = 2;
-constexpr int kUsage = 3;
 
 constexpr const char* kConfigInPackage = "/Contents/Resources/SysConfig.dat";
 constexpr const char* kVersionKeys[] = {"VRVersion", "BuildVersion",     "DebugVersion",
