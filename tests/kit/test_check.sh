@@ -54,6 +54,12 @@ output=$("$check" "$tmp/utf16.dat")
 grep -q '^warning: the file is UTF-16' <<<"$output" || fail "UTF-16: the cause is not named: $output"
 grep -q 'VRVersion is missing' <<<"$output" && fail "UTF-16: each key named missing: $output"
 
+# Garbage is read as the launcher reads it: warnings, no crash.
+head -c 65536 /dev/urandom > "$tmp/garbage.dat"
+status=0
+"$check" "$tmp/garbage.dat" > "$tmp/out" 2>&1 || status=$?
+[ "$status" -eq 1 ] || fail "garbage: status $status: $(tail -n 3 "$tmp/out")"
+
 # The whole package or its file; a file that cannot be read ends the check with status 2.
 mkdir -p "$tmp/Vantorel.mpkg/Contents/Resources"
 cp "$tmp/clean.dat" "$tmp/Vantorel.mpkg/Contents/Resources/SysConfig.dat"
