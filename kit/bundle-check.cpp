@@ -169,9 +169,10 @@ std::string Joined(const std::vector<std::string>& items) {
     return text;
 }
 
+// Reports what the users of one language folder would miss; *englishNib is set when it is an
+// English folder with a nib (whose problems are errors).
 void CheckLanguage(const std::string& resources, const std::string& folder, int index,
                    const std::string& scratch, bool* englishNib) {
-    // englishNib: an English folder has a nib file (its problems are reported as errors here)
     const std::string path = resources + "/" + folder;
     const bool hasNib = IsFile(path + "/" + kNibFile);
     const bool hasTexts = IsFile(path + "/" + kStringsFile);
@@ -206,15 +207,18 @@ void CheckLanguage(const std::string& resources, const std::string& folder, int 
         *englishNib = *englishNib || IsEnglish(folder);
     }
     if (hasTexts) {
+        // A text no table has is shown as its key.
+        const std::string instead =
+            IsEnglish(folder) ? " see the key's name instead" : " see the English text";
         std::vector<std::string> missing = MissingTexts();
         if (missing.size() == std::size(kTextKeys)) {
             Report(false, folder + ": " + kStringsFile +
                               " cannot be read (it must be \"KEY\" = \"text\"; lines in UTF-8, or UTF-16 "
                               "with a byte-order mark): " +
-                              users + " see the English texts");
+                              users + instead);
         } else if (!missing.empty()) {
-            Report(false, folder + ": " + kStringsFile + " lacks " + Joined(missing) + ": " + users +
-                              " see the English text there");
+            Report(false,
+                   folder + ": " + kStringsFile + " lacks " + Joined(missing) + ": " + users + instead);
         }
     }
 }
