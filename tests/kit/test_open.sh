@@ -28,6 +28,10 @@ expect "another application starts meanwhile" "$open" -a "$tmp/B.app"
 wait
 [ "$(starts A)" -eq 1 ] || fail "A started $(starts A) times while running"
 [ "$(starts B)" -eq 1 ] || fail "B started $(starts B) times"
+for _ in 1 2 3 4 5 6 7 8 9 10; do # A writes right after it notes its start
+  [ "$(cat "$tmp/state/kestrun/A.log" 2>/dev/null)" = "A says"$'\n'"A complains" ] && break
+  sleep 0.1
+done
 [ "$(cat "$tmp/state/kestrun/A.log" 2>/dev/null)" = "A says"$'\n'"A complains" ] ||
   fail "A's output is not kept in \$XDG_STATE_HOME/kestrun/A.log: $(cat "$tmp/state/kestrun/A.log" 2>&1)"
 sleep 1.5
