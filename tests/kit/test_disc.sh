@@ -30,7 +30,7 @@ image="$tmp/out/Kestrun.iso"
 mkdir -p "$tmp/out"
 expect "make-disc builds an image" "$make_disc" "$vendor" "$image" > "$tmp/make.out" 2>&1 || cat "$tmp/make.out"
 listing=$(xorriso -indev "$image" -find / -exec lsdl 2>/dev/null)
-for entry in "-rwxr-xr-x .* '/Launcher.app/Contents/MacOS/Launcher'" \
+for entry in "-rwxr-xr-x .* '/Launcher.app/Contents/Linux/Launcher'" \
              "-rwxr-xr-x .* '/Launcher.app/Contents/AutoSetup'" \
              "-rwxr-xr-x .* '/Launcher.app/Contents/run_local_kestrun'" \
              "-rw-r--r-- .* '/Launcher.app/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat'" \
@@ -64,7 +64,7 @@ for _ in $(seq 1 300); do
   sleep 0.1
 done
 for _ in $(seq 1 100); do # the launcher ends right after the script; let it close its log
-  pgrep -f "$tmp/run/kestrun/Volumes/Kestrun/Launcher.app/Contents/MacOS/Launcher" > /dev/null || break
+  pgrep -f "$tmp/run/kestrun/Volumes/Kestrun/Launcher.app/Contents/Linux/Launcher" > /dev/null || break
   sleep 0.1
 done
 expect "the launcher from the image installs the vendor's package" [ -f "$app/Contents/Resources/SysConfig.dat" ]
