@@ -23,6 +23,23 @@ mkdir -p "$tmp/empty-cache"
 refused "no SDK" "no Mac OS X SDK" env -u MACOS_SDK -u MACOS_LD64 XDG_CACHE_HOME="$tmp/empty-cache" "$mac_build" "$tmp/out.app"
 refused "a folder that is no SDK" "is not a Mac OS X SDK" env MACOS_SDK="$tmp" "$mac_build" "$tmp/out.app"
 
+# String tables for the bundle: UTF-8 (with or without its mark) and Mac Roman become UTF-16
+# with a byte-order mark; UTF-16 either way round stays as it is.
+utf16="$source_dir/resources/utf16-strings.sh"
+printf '"k" = "caf\xc3\xa9 \xe6\x97\xa5";\n' > "$tmp/utf8.strings"
+printf '\xef\xbb\xbf"k" = "caf\xc3\xa9 \xe6\x97\xa5";\n' > "$tmp/marked.strings"
+printf '"k" = "caf\x8e";\n' > "$tmp/roman.strings"
+{ printf '\xfe\xff'; iconv -f UTF-8 -t UTF-16BE "$tmp/utf8.strings"; } > "$tmp/big.strings"
+for table in utf8 marked roman big; do
+  sh "$utf16" "$tmp/$table.strings" "$tmp/$table.out" || fail "$table: not written"
+  case "$table" in roman) want='"k" = "café";' ;; *) want='"k" = "café 日";' ;; esac
+  case "$(head -c 2 "$tmp/$table.out" | od -An -tx1 | tr -d ' \n')" in
+    fffe|feff) [ "$(iconv -f UTF-16 -t UTF-8 "$tmp/$table.out")" = "$want" ] || fail "$table: reads $(iconv -f UTF-16 -t UTF-8 "$tmp/$table.out")" ;;
+    *) fail "$table: no byte-order mark" ;;
+  esac
+done
+cmp -s "$tmp/big.strings" "$tmp/big.out" || fail "a UTF-16 table was rewritten"
+
 # The toolchain script, on folders that are not a buildable cctools-port.
 toolchain="$source_dir/scripts/mac-toolchain"
 export MACLD_DIR="$tmp/macld"
