@@ -1,10 +1,11 @@
 /* open -a APP [ARG...]: starts an application and returns at once.
  *
  * APP is an application bundle (the program named by CFBundleExecutable in its
- * Contents/Info.plist, in Contents/MacOS) or an executable file. The program runs
- * detached, in its own session, with standard input on /dev/null and its standard output
- * and error in $XDG_STATE_HOME/kestrun/<program>.log (~/.local/state when that is not set),
- * begun anew at each start: what a program started from the desktop says is kept there.
+ * Contents/Info.plist, in Contents/Linux, else in Contents/MacOS unless that one is a Mac
+ * program) or an executable file. The program runs detached, in its own session, with
+ * standard input on /dev/null and its standard output and error in
+ * $XDG_STATE_HOME/kestrun/<program>.log (~/.local/state when that is not set), begun anew at
+ * each start: what a program started from the desktop says is kept there.
  *
  * As on the Mac, an application runs once: while the program is running, opening it again
  * starts nothing and succeeds. The rule is a lock file per program (by its real path) in
@@ -86,6 +87,27 @@ bool ReadPlist(const std::string& path, std::string* bytes, std::string* problem
     return true;
 }
 
+// A Mach-O file (thin of either word size and byte order, or universal) runs only on a Mac.
+bool IsMacProgram(const std::string& path) {
+    unsigned char magic[4];
+    int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file < 0) {
+        return false;
+    }
+    bool read = ::read(file, magic, sizeof magic) == static_cast<ssize_t>(sizeof magic);
+    close(file);
+    if (!read) {
+        return false;
+    }
+    uint32_t word = static_cast<uint32_t>(magic[0]) << 24 | magic[1] << 16 | magic[2] << 8 | magic[3];
+    for (uint32_t macho : {0xFEEDFACEu, 0xFEEDFACFu, 0xCAFEBABEu}) {
+        if (word == macho || word == __builtin_bswap32(macho)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // The CFBundleExecutable value of an Info.plist: the <string> after that <key> in the top <dict>.
 std::string BundleExecutableName(const std::string& plistPath, std::string* problem) {
     std::string bytes;
@@ -123,12 +145,22 @@ std::string ProgramFor(const std::string& application, std::string* problem) {
             *problem = application + ": CFBundleExecutable names a path: " + name;
             return std::string();
         }
-        std::string program = application + "/Contents/MacOS/" + name;
-        if (!IsExecutableFile(program)) {
-            *problem = program + ": not an executable file";
+        // A bundle that serves both systems keeps the Linux program in Contents/Linux; one made
+        // for Linux alone may keep it where a Mac looks.
+        std::string program = application + "/Contents/Linux/" + name;
+        if (IsExecutableFile(program)) {
+            return program;
+        }
+        std::string macProgram = application + "/Contents/MacOS/" + name;
+        if (!IsExecutableFile(macProgram)) {
+            *problem = program + " or " + macProgram + ": not an executable file";
             return std::string();
         }
-        return program;
+        if (IsMacProgram(macProgram)) {
+            *problem = application + ": holds only a Mac OS X program (" + macProgram + ")";
+            return std::string();
+        }
+        return macProgram;
     }
     if (IsExecutableFile(application)) {
         return application;

@@ -54,3 +54,20 @@ timeout 5 "$open" -a "$tmp/P.app" 2> "$tmp/P.err" || status=$?
 [ "$status" -eq 1 ] || fail "an Info.plist pipe: status $status"
 grep -q 'Info.plist: not a regular file' "$tmp/P.err" || fail "an Info.plist pipe: said $(cat "$tmp/P.err")"
 sleep 1.6
+
+# A bundle serving both systems: open runs the Linux program, never the Mac one; a bundle
+# holding only a Mac program is refused with the reason.
+both="$tmp/Both.app/Contents"
+mkdir -p "$both/MacOS" "$both/Linux"
+printf '<plist version="1.0"><dict><key>CFBundleExecutable</key><string>Both</string></dict></plist>\n' > "$both/Info.plist"
+printf '\xce\xfa\xed\xfe' > "$both/MacOS/Both" # a 32-bit Mach-O as an Intel Mac writes it
+printf '#!/bin/sh\necho linux >> "%s/Both.starts"\n' "$tmp" > "$both/Linux/Both"
+chmod 755 "$both/MacOS/Both" "$both/Linux/Both"
+expect "a bundle for both systems starts" "$open" -a "$tmp/Both.app"
+sleep 0.3
+expect "its Linux program ran" grep -qx linux "$tmp/Both.starts"
+rm "$both/Linux/Both"
+status=0
+"$open" -a "$tmp/Both.app" 2> "$tmp/mac-only.err" || status=$?
+[ "$status" -ne 0 ] || fail "a bundle with only a Mac program: status 0"
+grep -q "only a Mac OS X program" "$tmp/mac-only.err" || fail "no reason for the Mac-only bundle: $(cat "$tmp/mac-only.err")"

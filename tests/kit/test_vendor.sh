@@ -47,7 +47,8 @@ run "$tmp/out" --folder "$tmp/disc" "$vendor"
 [ "$status" -eq 0 ] || fail "languages: status $status: $(tail -n 5 "$tmp/out")"
 lang="$tmp/disc/Launcher.app/Contents/Resources"
 expect "a custom.strings alone keeps the shipped English nib" [ -f "$lang/en.lproj/main.nib/objects.xib" ]
-expect "the vendor's English texts are on the disc" grep -q 'Vendor English' "$lang/en.lproj/custom.strings"
+iconv -f UTF-16 -t UTF-8 "$lang/en.lproj/custom.strings" | grep -q 'Vendor English' ||
+  fail "the vendor's English texts are not on the disc"
 says "$tmp/out" "pt_BR.lproj has texts but no main.nib/objects.xib"
 says "$tmp/out" "nl.lproj has a nib but no custom.strings"
 says "$tmp/out" "de.lproj: window \"MessageBox\" has no control \"NO11\""
