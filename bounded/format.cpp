@@ -967,7 +967,7 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
     out.cur = stream->cur;
     char* const start = out.cur;
     bool failed = false; /* the format was rejected or a wide text did not convert */
-    Conversion conv; /* each field is set before it is read */
+    Conversion conv;     /* each field is set before it is read */
     StarArguments stars{};
     ConversionText scratch;
 
