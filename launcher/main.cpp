@@ -2,6 +2,9 @@
 
 #include "Common/Log.h"
 #include "Launcher.h"
+#include "bounded/bounded.h"
+
+#include <signal.h>
 
 namespace {
 constexpr const char* kSource = "main";
@@ -9,9 +12,24 @@ constexpr const char* kLogFile = "/var/tmp/Kestrun.log";
 constexpr const char* kEventName = "QV_EVENT";
 constexpr const char* kUpdaterProcess = "UpdateWizard";
 constexpr const char* kStagedPackage = "/tmp/qv_tmp_vantorel.mpkg";
+
+void IgnoreBrokenPipe(int) {}
+
+// The progress window writes to standard output, which may be a pipe whose reader has gone:
+// that write must fail, not end the launcher. A handler that does nothing does this, and
+// unlike an ignored signal it is back at its default in every command the launcher runs.
+void SurviveBrokenPipes() {
+    struct sigaction action;
+    memset_s(&action, sizeof action, 0, sizeof action);
+    action.sa_handler = IgnoreBrokenPipe;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+}
 } // namespace
 
 int main(int /*argc*/, char** /*argv*/) {
+    SurviveBrokenPipes();
     InitLogSystem(kLogFile);
     SetEvent(kEventName);
     Log(kSource, "main", "Main Enter");
