@@ -10,21 +10,13 @@
 #include <stdint.h>
 #include <string.h>
 
-namespace {
+using bounded::DestinationError;
+using bounded::Overlap;
 
-inline bool IsValidDestMax(size_t destMax) {
-    return destMax - 1 < BOUNDED_MAX_LEN;
-}
+namespace {
 
 inline uintptr_t Address(const void* p) {
     return reinterpret_cast<uintptr_t>(p);
-}
-
-/* The half-open ranges [a, a + size) and [b, b + size) share a byte. */
-inline bool Overlap(const void* a, const void* b, size_t size) {
-    uintptr_t x = Address(a);
-    uintptr_t y = Address(b);
-    return x < y ? y - x < size : x - y < size;
 }
 
 inline int ResetText(char* dest, int code) {
@@ -60,7 +52,8 @@ int AppendWithOverlapWatch(char* dest, size_t destMax, size_t len, const char* s
 } // namespace
 
 extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t count) {
-    if (dest != NULL && src != NULL && IsValidDestMax(destMax) && count - 1 < BOUNDED_MAX_LEN) {
+    if (dest != nullptr && src != nullptr && bounded::IsValidDestMax(destMax) &&
+        count - 1 < BOUNDED_MAX_LEN) {
         /* Reads no further than count characters, nor than the one that would not fit. */
         size_t n = bounded::LengthWithin(src, count < destMax ? count : destMax);
         if (n < destMax && (dest == src || !Overlap(dest, src, n + 1))) {
@@ -72,13 +65,10 @@ extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t cou
         }
         return ResetText(dest, n >= destMax ? BOUNDED_ERANGE_RESET : BOUNDED_EOVERLAP_RESET);
     }
-    if (!IsValidDestMax(destMax)) {
-        return BOUNDED_ERANGE;
+    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+        return code;
     }
-    if (dest == NULL) {
-        return BOUNDED_EINVAL;
-    }
-    if (src == NULL) {
+    if (src == nullptr) {
         return ResetText(dest, BOUNDED_EINVAL_RESET);
     }
     if (count > BOUNDED_MAX_LEN) {
@@ -89,13 +79,10 @@ extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t cou
 }
 
 extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t count) {
-    if (!IsValidDestMax(destMax)) {
-        return BOUNDED_ERANGE;
+    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+        return code;
     }
-    if (dest == NULL) {
-        return BOUNDED_EINVAL;
-    }
-    if (src == NULL) {
+    if (src == nullptr) {
         return ResetText(dest, BOUNDED_EINVAL_RESET);
     }
     if (count > BOUNDED_MAX_LEN) {
@@ -140,13 +127,10 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
 }
 
 extern "C" int strcpy_s(char* dest, size_t destMax, const char* src) {
-    if (!IsValidDestMax(destMax)) {
-        return BOUNDED_ERANGE;
+    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+        return code;
     }
-    if (dest == NULL) {
-        return BOUNDED_EINVAL;
-    }
-    if (src == NULL) {
+    if (src == nullptr) {
         return ResetText(dest, BOUNDED_EINVAL_RESET);
     }
     size_t n = bounded::LengthWithin(src, destMax);
