@@ -11,18 +11,31 @@
 using bounded::DestinationError;
 using bounded::Overlap;
 
-extern "C" int memcpy_s(void* dest, size_t destMax, const void* src, size_t count) {
-    if (count != 0 && destMax <= BOUNDED_MAX_LEN && src != nullptr && dest != nullptr && count <= destMax &&
-        !Overlap(dest, src, count)) {
-        memcpy(dest, src, count);
-        return BOUNDED_OK;
-    }
+namespace {
+
+/* The checks both copies make once their common case has failed: the destination, then
+ * the source, whose absence zeroes the destination. BOUNDED_OK when both pass. */
+int CopyArgumentsError(void* dest, size_t destMax, const void* src) {
     if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
         return code;
     }
     if (src == nullptr) {
         memset(dest, 0, destMax);
         return BOUNDED_EINVAL_RESET;
+    }
+    return BOUNDED_OK;
+}
+
+} // namespace
+
+extern "C" int memcpy_s(void* dest, size_t destMax, const void* src, size_t count) {
+    if (count != 0 && destMax <= BOUNDED_MAX_LEN && src != nullptr && dest != nullptr && count <= destMax &&
+        !Overlap(dest, src, count)) {
+        memcpy(dest, src, count);
+        return BOUNDED_OK;
+    }
+    if (int code = CopyArgumentsError(dest, destMax, src); code != BOUNDED_OK) {
+        return code;
     }
     if (count > destMax) {
         memset(dest, 0, destMax);
@@ -45,12 +58,8 @@ extern "C" int memmove_s(void* dest, size_t destMax, const void* src, size_t cou
         memmove(dest, src, count);
         return BOUNDED_OK;
     }
-    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+    if (int code = CopyArgumentsError(dest, destMax, src); code != BOUNDED_OK) {
         return code;
-    }
-    if (src == nullptr) {
-        memset(dest, 0, destMax);
-        return BOUNDED_EINVAL_RESET;
     }
     memset(dest, 0, destMax);
     return BOUNDED_ERANGE_RESET;

@@ -24,6 +24,21 @@ inline int ResetText(char* dest, int code) {
     return code;
 }
 
+/* The checks every text function makes once its common case has failed: the destination,
+ * then the source and the count, which reset the destination. BOUNDED_OK when all pass. */
+int TextArgumentsError(char* dest, size_t destMax, const char* src, size_t count) {
+    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+        return code;
+    }
+    if (src == nullptr) {
+        return ResetText(dest, BOUNDED_EINVAL_RESET);
+    }
+    if (count > BOUNDED_MAX_LEN) {
+        return ResetText(dest, BOUNDED_ERANGE_RESET);
+    }
+    return BOUNDED_OK;
+}
+
 /* strncat_s past its argument checks, byte by byte: the form that sees a write reach the
  * source or a read reach the destination while it happens. */
 int AppendWithOverlapWatch(char* dest, size_t destMax, size_t len, const char* src, size_t count) {
@@ -65,28 +80,16 @@ extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t cou
         }
         return ResetText(dest, n >= destMax ? BOUNDED_ERANGE_RESET : BOUNDED_EOVERLAP_RESET);
     }
-    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+    if (int code = TextArgumentsError(dest, destMax, src, count); code != BOUNDED_OK) {
         return code;
-    }
-    if (src == nullptr) {
-        return ResetText(dest, BOUNDED_EINVAL_RESET);
-    }
-    if (count > BOUNDED_MAX_LEN) {
-        return ResetText(dest, BOUNDED_ERANGE_RESET);
     }
     /* count is 0: the destination becomes the empty text. */
     return ResetText(dest, BOUNDED_OK);
 }
 
 extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t count) {
-    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+    if (int code = TextArgumentsError(dest, destMax, src, count); code != BOUNDED_OK) {
         return code;
-    }
-    if (src == nullptr) {
-        return ResetText(dest, BOUNDED_EINVAL_RESET);
-    }
-    if (count > BOUNDED_MAX_LEN) {
-        return ResetText(dest, BOUNDED_ERANGE_RESET);
     }
     size_t len = dest[0] == '\0' ? 0 : bounded::LengthWithin(dest, destMax);
     if (Address(dest) < Address(src) && Address(src) < Address(dest) + len) {
@@ -127,11 +130,8 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
 }
 
 extern "C" int strcpy_s(char* dest, size_t destMax, const char* src) {
-    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+    if (int code = TextArgumentsError(dest, destMax, src, 0); code != BOUNDED_OK) {
         return code;
-    }
-    if (src == nullptr) {
-        return ResetText(dest, BOUNDED_EINVAL_RESET);
     }
     size_t n = bounded::LengthWithin(src, destMax);
     if (n == destMax) {
