@@ -210,8 +210,8 @@ constexpr int LONG_DOUBLE_MAX_PRECISION = INT_MAX - LONG_DOUBLE_EXTRA_ROOM;
 constexpr int FLOAT_LOCAL_BUFFER_SIZE = 512;
 /* Floating specifications (with terminator) up to this size are copied to the stack. */
 constexpr int FLOAT_LOCAL_CONVERSION_SIZE = 16;
-/* Pieces longer than this go by the C library's block copy; shorter ones by two
- * overlapping word copies, which take no loop and no call. */
+/* Pieces up to twice this long are stored by two overlapping copies of a fixed size, which
+ * take no loop and no call; longer ones by the C library's block copy. */
 constexpr int SHORT_PIECE_MAX = 16;
 
 /* ---- Constant texts ----------------------------------------------------------------- */
@@ -243,8 +243,7 @@ enum : unsigned {
     FLAG_I64 = 1u << 14,        /* I, I64 */
     FLAG_SIGNED = 1u << 15,
     FLAG_NEGATIVE = 1u << 16,
-    FLAG_FORCE_OCTAL = 1u << 17,
-    FLAG_POINTER = 1u << 18,
+    FLAG_POINTER = 1u << 17,
 };
 
 constexpr unsigned FLAGS_64BIT = FLAG_I64 | FLAG_LONG | FLAG_LONGLONG;
@@ -285,8 +284,11 @@ template <typename StoreBytes> ALWAYS_INLINE void WritePiece(int len, OutputBuff
 ALWAYS_INLINE void write_string_a(const char* text, int len, OutputBuffer& out) {
     WritePiece(len, out, [text](char* to, int n) {
         const size_t size = static_cast<size_t>(n);
-        if (n > SHORT_PIECE_MAX) {
+        if (n > 2 * SHORT_PIECE_MAX) {
             memcpy(to, text, size);
+        } else if (n >= SHORT_PIECE_MAX) {
+            memcpy(to, text, SHORT_PIECE_MAX);
+            memcpy(to + size - SHORT_PIECE_MAX, text + size - SHORT_PIECE_MAX, SHORT_PIECE_MAX);
         } else if (n >= 8) {
             memcpy(to, text, 8);
             memcpy(to + size - 8, text + size - 8, 8);
@@ -308,14 +310,16 @@ ALWAYS_INLINE void write_multi_char_a(char ch, int num, OutputBuffer& out) {
 
 /* The writer of the format's own text: the first `literal` characters at text whatever
  * they are (the "%" of "%%", an I that starts no modifier), then the plain text up to the
- * next specification. It copies while it scans, as far as the buffer has room, and
- * answers where the text stopped. */
+ * next specification. Answers where the text stopped. */
 ALWAYS_INLINE const char* WriteLiteralText(const char* text, int literal, OutputBuffer& out) {
-    if (Failed(out)) {
-        return text;
+    if ((literal == 0 && formatEndsText.at[static_cast<unsigned char>(*text)]) || Failed(out)) {
+        return text; /* no text: a specification follows at once */
     }
+    /* The format's runs of text are mostly short: copied as they are scanned, while the
+     * buffer has room; what is left of a long one is measured by the C library and
+     * written as one piece. */
     char* to = out.cur;
-    char* const limit = out.cur + out.count;
+    char* const limit = out.cur + (out.count < SHORT_PIECE_MAX ? out.count : SHORT_PIECE_MAX);
     for (; literal > 0 && to < limit; --literal) {
         *to++ = *text++;
     }
@@ -325,7 +329,9 @@ ALWAYS_INLINE const char* WriteLiteralText(const char* text, int literal, Output
     out.count -= static_cast<int>(to - out.cur);
     out.cur = to;
     if (literal > 0 || !formatEndsText.at[static_cast<unsigned char>(*text)]) {
-        out.count = -1;
+        const size_t rest = static_cast<size_t>(literal) + strcspn(text + literal, "%");
+        write_string_a(text, rest < INT_MAX ? static_cast<int>(rest) : INT_MAX, out);
+        text += rest;
     }
     return text;
 }
@@ -528,42 +534,35 @@ ALWAYS_INLINE void ConvertInteger(Conversion& conv, char type, ArgumentList& arg
     }
 
     char* end = buffer + INTEGER_TEXT_SIZE;
-    char* text;
     const char* letters = type == 'X' ? _itoa_upper_digits : _itoa_lower_digits;
+    char* text = type == 'o'                                 ? FormatBinaryRadix(value, 3, letters, end)
+                 : type == 'x' || type == 'X' || type == 'p' ? FormatBinaryRadix(value, 4, letters, end)
+                                                             : FormatDecimal(value, end);
+    while (end - text < conv.precision) {
+        *--text = '0';
+    }
     switch (type) {
     case 'o':
-        text = FormatBinaryRadix(value, 3, letters, end);
-        if (flags & FLAG_ALTERNATE) {
-            flags |= FLAG_FORCE_OCTAL;
+        if ((flags & FLAG_ALTERNATE) && (text == end || *text != '0')) {
+            *--text = '0';
         }
         break;
     case 'x':
     case 'X':
     case 'p':
-        text = FormatBinaryRadix(value, 4, letters, end);
+        if ((flags & FLAG_ALTERNATE) && value != 0) {
+            conv.prefix[0] = '0';
+            conv.prefix[1] = letters[PREFIX_LETTER_INDEX];
+            conv.prefixLen = 2;
+        }
+        if ((flags & FLAG_POINTER) && text == end) {
+            text = const_cast<char*>(NULL_POINTER_TEXT);
+            end = text + sizeof(NULL_POINTER_TEXT) - 1;
+            flags &= ~FLAG_LEADZERO;
+        }
         break;
-    default:
-        text = FormatDecimal(value, end);
-        break;
-    }
-    while (end - text < conv.precision) {
-        *--text = '0';
-    }
-    if ((flags & FLAG_FORCE_OCTAL) && (text == end || *text != '0')) {
-        *--text = '0';
-    }
-
-    if ((type == 'x' || type == 'X' || type == 'p') && (flags & FLAG_ALTERNATE) && value != 0) {
-        conv.prefix[0] = '0';
-        conv.prefix[1] = letters[PREFIX_LETTER_INDEX];
-        conv.prefixLen = 2;
-    }
-    if ((flags & FLAG_POINTER) && text == end) {
-        text = const_cast<char*>(NULL_POINTER_TEXT);
-        end = text + sizeof(NULL_POINTER_TEXT) - 1;
-        flags &= ~FLAG_LEADZERO;
-    }
-    if (flags & FLAG_SIGNED) {
+    case 'd':
+    case 'i':
         if (flags & FLAG_NEGATIVE) {
             conv.prefix[0] = '-';
             conv.prefixLen = 1;
@@ -574,6 +573,9 @@ ALWAYS_INLINE void ConvertInteger(Conversion& conv, char type, ArgumentList& arg
             conv.prefix[0] = ' ';
             conv.prefixLen = 1;
         }
+        break;
+    default: /* u */
+        break;
     }
     conv.text = text;
     conv.textLen = static_cast<int>(end - text);
