@@ -177,6 +177,7 @@ constexpr TransitionMap DeriveTransitions() {
 }
 
 constexpr ClassMap formatClasses = DeriveClasses();
+constexpr TransitionMap formatTransitions = DeriveTransitions();
 
 /* Where plain text of a format ends: at a "%" or the terminator. One load per byte. */
 struct TextEnds {
@@ -186,12 +187,11 @@ struct TextEnds {
 constexpr TextEnds DeriveTextEnds() {
     TextEnds ends{};
     ends.at[0] = true;
-    ends.at['%'] = true;
+    ends.at[static_cast<unsigned char>('%')] = true;
     return ends;
 }
 
 constexpr TextEnds formatEndsText = DeriveTextEnds();
-constexpr TransitionMap formatTransitions = DeriveTransitions();
 
 /* ---- Limits ------------------------------------------------------------------------- */
 
