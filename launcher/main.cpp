@@ -2,6 +2,7 @@
 
 #include "Common/Log.h"
 #include "Launcher.h"
+
 #include <signal.h>
 
 namespace {
