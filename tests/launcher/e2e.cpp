@@ -224,3 +224,29 @@ TEST_F(EndToEnd, QuestionBox) {
                   FindMessage(run.log, "Close messageBox window") >= 0);
     }
 }
+
+// Standard output a pipe whose reader has gone: the progress window's messages are lost
+// instead of ending the launcher, and the commands it runs still start with SIGPIPE at its
+// default, neither ignored nor caught.
+TEST_F(EndToEnd, ProgressMessagesIntoAClosedPipe) {
+    fs::remove_all(kStaged);
+    fs::remove_all(kAutoSetupCopy);
+    fs::remove(report_);
+    std::string bundle = Disc("Volumes/pipe/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_, "yes"));
+    WriteFile(bundle + "/Contents/run_local_kestrun",
+              "#!/bin/sh\nsed -n 's/^SigIgn:[[:space:]]*//p' /proc/$$/status > '" + report_ + "'\n", true);
+    pid_t child = StartLauncher(bundle, bin_, temp_ / "out.txt", nullptr, [] {
+        unsetenv("DISPLAY");
+        unsetenv("WAYLAND_DISPLAY");
+        int ends[2];
+        if (pipe(ends) == 0) {
+            close(ends[0]);
+            dup2(ends[1], STDOUT_FILENO);
+        }
+    });
+    EXPECT_EQ(0, FinishLauncher(child, 60)) << "128 + 13: ended by SIGPIPE\n" << ReadFile(temp_ / "out.txt");
+    EXPECT_TRUE(fs::exists(kStaged));
+    const std::string ignored = ReadFile(report_);
+    ASSERT_FALSE(ignored.empty()) << "the installer script did not run";
+    EXPECT_EQ(0u, std::stoull(ignored, nullptr, 16) & (1ull << (SIGPIPE - 1))) << "SigIgn " << ignored;
+}
