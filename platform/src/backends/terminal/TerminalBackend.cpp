@@ -7,7 +7,7 @@
  * Ctrl-.) the cancel button. End of input (Ctrl-D, or a terminal that hangs up)
  * is the close box. Each frame goes out in one write. */
 #include "backends/PlatBackend.h"
-#include "backends/TerminalText.h"
+#include "backends/terminal/TerminalText.h"
 
 #include <errno.h>
 #include <poll.h>
