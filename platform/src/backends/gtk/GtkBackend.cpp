@@ -96,8 +96,9 @@ void OnDisplayLostExit(Display*, void*) {
 // while whatever the program was doing goes on. The widgets are left as they
 // are: destroying them would talk to a display that is not there.
 void AnswerDisplayLoss() {
-    if (!gDisplayLost || gLossAnswered)
+    if (!gDisplayLost || gLossAnswered) {
         return;
+    }
     gLossAnswered = true;
     for (auto& [window, native] : gWindows) {
         PlatWindowInfo info;
@@ -106,8 +107,9 @@ void AnswerDisplayLoss() {
             native->pulseSource = 0;
         }
         if (gLayer.getWindowInfo(window, &info) && info.hasCloseBox &&
-            gtk_widget_get_visible(native->toplevel))
+            gtk_widget_get_visible(native->toplevel)) {
             gLayer.postWindowClose(window);
+        }
     }
 }
 
@@ -119,8 +121,9 @@ NativeWindow* NativeFor(WindowRef window) {
 void Flush() {
     // The main thread may block in a shell command right after a window change;
     // the X server must see the change now, not at the next loop round.
-    if (GdkDisplay* display = gdk_display_get_default())
+    if (GdkDisplay* display = gdk_display_get_default()) {
         gdk_display_flush(display);
+    }
     AnswerDisplayLoss();
 }
 
@@ -129,13 +132,15 @@ void Flush() {
 // The picture scaled to fit the frame, keeping its proportions; null without one.
 GdkPixbuf* PictureForFrame(const PlatControlInfo& info) {
     if (!info.rgba || info.imageWidth == 0 || info.imageHeight == 0 || info.imageWidth > G_MAXINT / 4 ||
-        info.imageHeight > G_MAXINT)
+        info.imageHeight > G_MAXINT) {
         return nullptr;
+    }
     int width = static_cast<int>(info.imageWidth), height = static_cast<int>(info.imageHeight);
     GdkPixbuf* shared = gdk_pixbuf_new_from_data(info.rgba, GDK_COLORSPACE_RGB, TRUE, 8, width, height,
                                                  width * 4, nullptr, nullptr);
-    if (!shared)
+    if (!shared) {
         return nullptr;
+    }
     GdkPixbuf* picture;
     if (info.frame.width > 0 && info.frame.height > 0 &&
         (width > info.frame.width || height > info.frame.height)) {
@@ -168,16 +173,18 @@ void UpdateControl(const NativeControl& native, const PlatControlInfo& info) {
             gtk_window_set_focus(toplevel, native.widget);
         } else {
             gtk_style_context_remove_class(style, GTK_STYLE_CLASS_SUGGESTED_ACTION);
-            if (gtk_window_get_default_widget(toplevel) == native.widget)
+            if (gtk_window_get_default_widget(toplevel) == native.widget) {
                 gtk_window_set_default(toplevel, nullptr);
+            }
         }
         break;
     }
     case kPlatControlImageView: {
         GdkPixbuf* picture = PictureForFrame(info);
         gtk_image_set_from_pixbuf(GTK_IMAGE(native.widget), picture);
-        if (picture)
+        if (picture) {
             g_object_unref(picture);
+        }
         break;
     }
     case kPlatControlProgressIndicator:
@@ -215,8 +222,9 @@ GtkWidget* CreateControlWidget(const PlatControlInfo& info) {
         gtk_widget_set_valign(widget, GTK_ALIGN_CENTER);
         break;
     }
-    if (widget && info.kind != kPlatControlStaticText)
+    if (widget && info.kind != kPlatControlStaticText) {
         gtk_widget_set_size_request(widget, std::max(info.frame.width, 1), std::max(info.frame.height, 1));
+    }
     return widget;
 }
 
@@ -260,8 +268,9 @@ void Layout(NativeWindow* native) {
     std::vector<Growth> growths;
     int wider = 0;
     for (const NativeControl& control : native->controls) {
-        if (control.kind != kPlatControlStaticText)
+        if (control.kind != kPlatControlStaticText) {
             continue;
+        }
         PlatRect needs = TextNeeds(control.widget, control.frame);
         gtk_widget_set_size_request(control.placed, std::max(needs.width, 1), std::max(needs.height, 1));
         growths.push_back(
@@ -274,8 +283,9 @@ void Layout(NativeWindow* native) {
         for (const Growth& growth : growths) {
             if (control.frame.y >= growth.frame.y + growth.frame.height) {
                 y += growth.down;
-                if (control.frame.x >= native->size.width / 2)
+                if (control.frame.x >= native->size.width / 2) {
                     x += wider;
+                }
             } else if (control.frame.x >= growth.frame.x + growth.frame.width) {
                 x += growth.right;
             }
@@ -283,8 +293,9 @@ void Layout(NativeWindow* native) {
         gtk_fixed_move(GTK_FIXED(native->fixed), control.placed, x, y);
         taller = std::max(taller, y - control.frame.y);
     }
-    for (const Growth& growth : growths)
+    for (const Growth& growth : growths) {
         taller = std::max(taller, growth.down);
+    }
     gtk_widget_set_size_request(native->fixed, std::max(native->size.width + wider, 1),
                                 std::max(native->size.height + taller, 1));
 }
@@ -296,17 +307,20 @@ gboolean OnDeleteEvent(GtkWidget*, GdkEvent*, gpointer window) {
     // close comes back to us as disposeWindow. A window without a close box cannot be
     // closed by the user at all, whatever a window manager offers.
     PlatWindowInfo info;
-    if (gLayer.getWindowInfo(static_cast<WindowRef>(window), &info) && info.hasCloseBox)
+    if (gLayer.getWindowInfo(static_cast<WindowRef>(window), &info) && info.hasCloseBox) {
         gLayer.postWindowClose(static_cast<WindowRef>(window));
+    }
     return TRUE;
 }
 
 // The window's default (or cancel) button, or null.
 ControlRef ButtonFor(WindowRef window, bool cancel) {
     PlatControlInfo info;
-    for (size_t i = 0; gLayer.getControlInfo(window, i, &info); ++i)
-        if (cancel ? info.isCancel : info.isDefault)
+    for (size_t i = 0; gLayer.getControlInfo(window, i, &info); ++i) {
+        if (cancel ? info.isCancel : info.isDefault) {
             return info.control;
+        }
+    }
     return nullptr;
 }
 
@@ -318,10 +332,12 @@ gboolean OnKeyPress(GtkWidget*, GdkEventKey* event, gpointer window) {
                     event->keyval == GDK_KEY_ISO_Enter;
     bool isCancel = event->keyval == GDK_KEY_Escape ||
                     (control && (event->keyval == GDK_KEY_period || event->keyval == GDK_KEY_KP_Decimal));
-    if (!isReturn && !isCancel)
+    if (!isReturn && !isCancel) {
         return FALSE;
-    if (ControlRef button = ButtonFor(static_cast<WindowRef>(window), isCancel))
+    }
+    if (ControlRef button = ButtonFor(static_cast<WindowRef>(window), isCancel)) {
         gLayer.postControlHit(button);
+    }
     return TRUE;
 }
 
@@ -330,8 +346,9 @@ gboolean OnKeyPress(GtkWidget*, GdkEventKey* event, gpointer window) {
 void OnRealize(GtkWidget* toplevel, gpointer window) {
     PlatWindowInfo info;
     GdkWindow* native = gtk_widget_get_window(toplevel);
-    if (!native || !gLayer.getWindowInfo(static_cast<WindowRef>(window), &info))
+    if (!native || !gLayer.getWindowInfo(static_cast<WindowRef>(window), &info)) {
         return;
+    }
     gdk_window_set_functions(
         native, static_cast<GdkWMFunction>(GDK_FUNC_MOVE | (info.hasCloseBox ? GDK_FUNC_CLOSE : 0)));
     gdk_window_set_decorations(native, static_cast<GdkWMDecoration>(GDK_DECOR_BORDER | GDK_DECOR_TITLE));
@@ -339,9 +356,11 @@ void OnRealize(GtkWidget* toplevel, gpointer window) {
 
 gboolean PulseBars(gpointer data) {
     auto* native = static_cast<NativeWindow*>(data);
-    for (const NativeControl& control : native->controls)
-        if (control.kind == kPlatControlProgressIndicator)
+    for (const NativeControl& control : native->controls) {
+        if (control.kind == kPlatControlProgressIndicator) {
             gtk_progress_bar_pulse(GTK_PROGRESS_BAR(control.widget));
+        }
+    }
     return G_SOURCE_CONTINUE;
 }
 
@@ -354,20 +373,25 @@ void StopPulse(NativeWindow* native) {
 
 bool HasIndeterminateBar(WindowRef window) {
     PlatControlInfo info;
-    for (size_t i = 0; gLayer.getControlInfo(window, i, &info); ++i)
-        if (info.kind == kPlatControlProgressIndicator && info.indeterminate)
+    for (size_t i = 0; gLayer.getControlInfo(window, i, &info); ++i) {
+        if (info.kind == kPlatControlProgressIndicator && info.indeterminate) {
             return true;
+        }
+    }
     return false;
 }
 
 OSStatus CreateNativeWindow(WindowRef window) {
     PlatWindowInfo info;
-    if (gDisplayLost)
+    if (gDisplayLost) {
         return errInvalidWindowRef; // nothing can be shown any more
-    if (!gLayer.getWindowInfo(window, &info))
+    }
+    if (!gLayer.getWindowInfo(window, &info)) {
         return paramErr;
-    if (NativeFor(window))
+    }
+    if (NativeFor(window)) {
         return noErr;
+    }
 
     auto owned = std::make_unique<NativeWindow>(NativeWindow{window,
                                                              gtk_window_new(GTK_WINDOW_TOPLEVEL),
@@ -390,8 +414,9 @@ OSStatus CreateNativeWindow(WindowRef window) {
     PlatControlInfo control;
     for (size_t i = 0; i < info.controlCount && gLayer.getControlInfo(window, i, &control); ++i) {
         GtkWidget* widget = CreateControlWidget(control);
-        if (!widget)
+        if (!widget) {
             continue;
+        }
         GtkWidget* placed = control.kind == kPlatControlStaticText ? FrameFor(widget, control.frame) : widget;
         gtk_fixed_put(GTK_FIXED(native->fixed), placed, control.frame.x, control.frame.y);
         native->controls.push_back({control.control, control.kind, control.frame, widget, placed});
@@ -406,19 +431,22 @@ OSStatus CreateNativeWindow(WindowRef window) {
 
 void ShowNativeWindow(WindowRef window) {
     NativeWindow* native = NativeFor(window);
-    if (!native || gDisplayLost)
+    if (!native || gDisplayLost) {
         return;
+    }
     Layout(native); // its texts are set by now
     gtk_widget_show_all(native->toplevel);
-    if (!native->pulseSource && HasIndeterminateBar(window))
+    if (!native->pulseSource && HasIndeterminateBar(window)) {
         native->pulseSource = g_timeout_add(kPulseIntervalMs, PulseBars, native);
+    }
     Flush();
 }
 
 void DisposeNativeWindow(WindowRef window) {
     auto it = gWindows.find(window);
-    if (it == gWindows.end() || gDisplayLost)
+    if (it == gWindows.end() || gDisplayLost) {
         return;
+    }
     std::unique_ptr<NativeWindow> native = std::move(it->second);
     gWindows.erase(it);
     StopPulse(native.get());
@@ -428,17 +456,22 @@ void DisposeNativeWindow(WindowRef window) {
 
 void ControlChanged(WindowRef window, ControlRef control) {
     NativeWindow* native = NativeFor(window);
-    if (!native || gDisplayLost)
+    if (!native || gDisplayLost) {
         return;
+    }
     PlatControlInfo info;
     for (size_t i = 0; gLayer.getControlInfo(window, i, &info); ++i) {
-        if (info.control != control)
+        if (info.control != control) {
             continue;
-        for (const NativeControl& nativeControl : native->controls)
-            if (nativeControl.control == control)
+        }
+        for (const NativeControl& nativeControl : native->controls) {
+            if (nativeControl.control == control) {
                 UpdateControl(nativeControl, info);
-        if (info.kind == kPlatControlStaticText)
+            }
+        }
+        if (info.kind == kPlatControlStaticText) {
             Layout(native);
+        }
         return;
     }
 }
@@ -498,10 +531,12 @@ const PlatBackendOps kGtkBackend = {
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) const PlatBackendOps* PlatGtkBackend(void) {
-    if (!ResolveLayer())
+    if (!ResolveLayer()) {
         return nullptr;
-    if (!gtk_init_check(nullptr, nullptr))
+    }
+    if (!gtk_init_check(nullptr, nullptr)) {
         return nullptr;
+    }
     // GDK ends the process when the X server goes away; the program must go on.
     GdkDisplay* display = gdk_display_get_default();
     if (display && GDK_IS_X11_DISPLAY(display)) {
