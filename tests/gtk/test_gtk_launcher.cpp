@@ -253,7 +253,7 @@ int BluePixels(const Picture& shot, Frame frame) {
     return Count(shot, frame, [](const unsigned char* p) { return p[2] > 150 && p[2] > p[0] + 60; });
 }
 
-// Return is Yes wherever Tab moved the focus: the box goes, the progress window's
+// Return is Yes once Tab Tab brought the focus round to it again: the box goes, the progress window's
 // modal loop runs inside the button's handler while the copy runs, and "clos" from
 // the worker takes it down.
 TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
@@ -293,11 +293,16 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     EXPECT_EQ(OpenLog(), "") << "Yes on a disc hands over to the installer script";
 }
 
-// No by pointer, Escape and Ctrl-. (the cancel button) start the installed copy; so does
-// Escape in the German box.
+// No by pointer, Escape and Ctrl-. (the cancel button), and Return once Tab moved the focus to
+// it, start the installed copy; so does Escape in the German box.
 TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
     Versions(5, 4);
-    for (const std::string answer : {"pointer", "Escape", "ctrl+period", "German Escape"}) {
+    for (const auto& [answer, keys] :
+         std::vector<std::pair<std::string, std::string>>{{"pointer", ""},
+                                                          {"Escape", "Escape"},
+                                                          {"Ctrl-.", "ctrl+period"},
+                                                          {"Tab to No, Return", "Tab Return"},
+                                                          {"German Escape", "Escape"}}) {
         SCOPED_TRACE(answer);
         fs::remove(root + "/open.log");
         fs::remove(kLogFile);
@@ -306,12 +311,12 @@ TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
         unsigned long box = WaitForWindow(answer == "German Escape" ? kGermanBoxTitle : kBoxTitle);
         ASSERT_NE(box, 0u) << Output();
         Frame no = NibFrame("MessageBox_Installed", "NO11");
-        if (answer == "pointer")
+        if (keys.empty())
             Shell("xdotool mousemove --window " + std::to_string(box) + " " +
                   std::to_string(no.x + no.width / 2) + " " + std::to_string(no.y + no.height / 2) +
                   " click 1");
         else
-            PressKeys(box, answer.substr(answer.find(' ') + 1));
+            PressKeys(box, keys);
 
         EXPECT_EQ(Finish(), 0) << Output();
         EXPECT_EQ(OpenLog(), "-a " + app + "\n");

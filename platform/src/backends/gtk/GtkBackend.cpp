@@ -66,7 +66,8 @@ struct NativeWindow {
     GtkWidget* fixed; // places the controls at their frames
     PlatRect size;    // the window's size in the nib
     std::vector<NativeControl> controls;
-    guint pulseSource; // 0 while no indeterminate bar moves
+    guint pulseSource;     // 0 while no indeterminate bar moves
+    bool focusMovedByUser; // Tab or an arrow key moved the focus from the default button
 };
 
 // Windows still up when the program ends are freed with the map.
@@ -235,6 +236,9 @@ GtkWidget* FrameFor(GtkWidget* label, const PlatRect& frame) {
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(clip), GTK_POLICY_NEVER, GTK_POLICY_EXTERNAL);
     gtk_scrolled_window_set_shadow_type(GTK_SCROLLED_WINDOW(clip), GTK_SHADOW_NONE);
     gtk_container_add(GTK_CONTAINER(clip), label);
+    // A text is no stop for Tab: the focus goes from button to button.
+    gtk_widget_set_can_focus(clip, FALSE);
+    gtk_widget_set_can_focus(gtk_bin_get_child(GTK_BIN(clip)), FALSE);
     gtk_widget_set_size_request(clip, std::max(frame.width, 1), std::max(frame.height, 1));
     return clip;
 }
@@ -324,18 +328,57 @@ ControlRef ButtonFor(WindowRef window, bool cancel) {
     return nullptr;
 }
 
-// Return and Enter press the default button wherever the focus is, Escape and
-// Ctrl-. the cancel button; without such a button the key does nothing.
+// The push button that has the focus because the user moved it there with the
+// keyboard, or null.
+ControlRef ButtonFocusedByUser(const NativeWindow* native) {
+    if (!native || !native->focusMovedByUser) {
+        return nullptr;
+    }
+    GtkWidget* focus = gtk_window_get_focus(GTK_WINDOW(native->toplevel));
+    for (const NativeControl& control : native->controls) {
+        if (control.kind == kPlatControlPushButton && control.widget == focus) {
+            return control.control;
+        }
+    }
+    return nullptr;
+}
+
+bool MovesFocus(guint keyval) {
+    switch (keyval) {
+    case GDK_KEY_Tab:
+    case GDK_KEY_ISO_Left_Tab:
+    case GDK_KEY_KP_Tab:
+    case GDK_KEY_Left:
+    case GDK_KEY_Right:
+    case GDK_KEY_Up:
+    case GDK_KEY_Down:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Return and Enter press the button the user moved the focus to with Tab, else the
+// default button wherever the focus is; Escape and Ctrl-. the cancel button. Without
+// such a button the key does nothing.
 gboolean OnKeyPress(GtkWidget*, GdkEventKey* event, gpointer window) {
+    NativeWindow* native = NativeFor(static_cast<WindowRef>(window));
     bool control = (event->state & GDK_CONTROL_MASK) != 0;
     bool isReturn = event->keyval == GDK_KEY_Return || event->keyval == GDK_KEY_KP_Enter ||
                     event->keyval == GDK_KEY_ISO_Enter;
     bool isCancel = event->keyval == GDK_KEY_Escape ||
                     (control && (event->keyval == GDK_KEY_period || event->keyval == GDK_KEY_KP_Decimal));
     if (!isReturn && !isCancel) {
+        if (native && MovesFocus(event->keyval)) {
+            native->focusMovedByUser = true;
+        }
         return FALSE;
     }
-    if (ControlRef button = ButtonFor(static_cast<WindowRef>(window), isCancel)) {
+    ControlRef button = isReturn ? ButtonFocusedByUser(native) : nullptr;
+    if (!button) {
+        button = ButtonFor(static_cast<WindowRef>(window), isCancel);
+    }
+    if (button) {
         gLayer.postControlHit(button);
     }
     return TRUE;
@@ -398,7 +441,8 @@ OSStatus CreateNativeWindow(WindowRef window) {
                                                              gtk_fixed_new(),
                                                              PlatRect{0, 0, info.width, info.height},
                                                              {},
-                                                             0});
+                                                             0,
+                                                             false});
     NativeWindow* native = owned.get();
     GtkWindow* toplevel = GTK_WINDOW(native->toplevel);
     gtk_window_set_title(toplevel, info.title ? info.title : "");
