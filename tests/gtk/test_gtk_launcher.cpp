@@ -6,6 +6,8 @@
 #include <pugixml.hpp>
 
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstdio>
 #include <algorithm>
@@ -419,6 +421,95 @@ TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {
             EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
         }
     }
+}
+
+// A listening socket that takes connections and never answers, at path; its descriptor.
+int SilentServer(const std::string& path) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 8) != 0) {
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A display that takes the connection and never answers, X server or compositor: after
+// the first contact's time limit the windows fall back as when none can be made, and the
+// question box counts as its close box.
+TEST_F(LauncherWindowTest, SilentDisplayIsNoDisplay) {
+    Versions(5, 4);
+    int number = 500;
+    while (fs::exists("/tmp/.X11-unix/X" + std::to_string(number)))
+        number++;
+    const std::string xSocket = "/tmp/.X11-unix/X" + std::to_string(number),
+                      compositor = root + "/wayland-silent";
+    fs::create_directories("/tmp/.X11-unix");
+    for (const auto& [name, socketPath, display, waylandDisplay] :
+         std::vector<std::tuple<std::string, std::string, std::string, std::string>>{
+             {"X server", xSocket, ":" + std::to_string(number), ""},
+             {"compositor", compositor, "", compositor}}) {
+        SCOPED_TRACE(name);
+        fs::remove(root + "/open.log");
+        fs::remove(kLogFile);
+        int server = SilentServer(socketPath);
+        ASSERT_GE(server, 0) << socketPath;
+        launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, [&] {
+            setenv("DISPLAY", display.c_str(), 1);
+            setenv("WAYLAND_DISPLAY", waylandDisplay.c_str(), 1);
+        });
+        EXPECT_EQ(Finish(), 0) << "the launcher waited for the silent display\n" << Output();
+        close(server);
+        fs::remove(socketPath);
+        EXPECT_TRUE(LogHas({"CreateWindowFromNib failed", "AutoRunApplication end......"}));
+        EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+    }
+}
+
+// Under a Wayland compositor (weston, headless) the box is a Wayland window; a compositor
+// that goes away is its close box, and the launcher goes on to start the installed copy.
+TEST_F(LauncherWindowTest, WaylandWindowAndLostCompositor) {
+    Versions(5, 4);
+    const std::string runtime = root + "/runtime", socket = runtime + "/wayland-kestrun";
+    fs::create_directories(runtime);
+    fs::permissions(runtime, fs::perms::owner_all, fs::perm_options::replace);
+    pid_t weston = fork();
+    if (weston == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+        int quiet = open("/dev/null", O_WRONLY);
+        dup2(quiet, 1);
+        dup2(quiet, 2);
+        execlp("weston", "weston", "--backend=headless-backend.so", "--socket=wayland-kestrun",
+               "--idle-time=0", "--shell=desktop-shell.so", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(weston, 0);
+    if (!Within(10000, [&] { return fs::exists(socket); })) {
+        kill(weston, SIGKILL);
+        waitpid(weston, nullptr, 0);
+        GTEST_SKIP() << "weston's headless backend did not start here (is the package weston installed?)";
+    }
+    launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, [&] {
+        unsetenv("DISPLAY");
+        setenv("WAYLAND_DISPLAY", socket.c_str(), 1);
+        setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+        setenv("WAYLAND_DEBUG", "client", 1); // the protocol on standard error: the window's title
+    });
+    EXPECT_TRUE(Within(kWindowWaitMs, [&] {
+        return Output().find("set_title(\"" + kBoxTitle + "\")") != std::string::npos;
+    })) << "no Wayland window for the box";
+    Sleep(300);
+    kill(weston, SIGKILL);
+    waitpid(weston, nullptr, 0);
+    EXPECT_EQ(Finish(), 0) << Output().substr(0, 2000);
+    EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+    EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
+    EXPECT_FALSE(LogHas({"CreateWindowFromNib failed"}));
 }
 
 // A run that shows no window never loads GTK, even under a display. With both

@@ -13,14 +13,24 @@
 
 #include <dlfcn.h>
 #include <gdk/gdkkeysyms.h>
+#include <gdk/gdkwayland.h>
 #include <gdk/gdkx.h>
+#include <glib-unix.h>
 #include <gtk/gtk.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <wayland-client.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -74,8 +84,8 @@ struct NativeWindow {
 std::unordered_map<WindowRef, std::unique_ptr<NativeWindow>> gWindows;
 
 /* ---- The display ---- */
-// Set by Xlib's handler when the connection to the X server is lost; from then
-// on GTK is not called again, and the loop waits on its own.
+// Set when the connection to the X server or the Wayland compositor is lost; from
+// then on GTK is not called again, and the loop waits on its own.
 bool gDisplayLost = false;
 bool gLossAnswered = false;
 
@@ -87,6 +97,13 @@ int WakeFd() {
 int OnDisplayLost(Display*) {
     gDisplayLost = true;
     return 0;
+}
+
+// The compositor closed its end: from now on GTK is not called again, before its own
+// event source finds the connection gone and ends the process.
+gboolean OnCompositorGone(gint, GIOCondition, gpointer) {
+    gDisplayLost = true;
+    return G_SOURCE_REMOVE;
 }
 
 void OnDisplayLostExit(Display*, void*) {
@@ -572,20 +589,104 @@ const PlatBackendOps kGtkBackend = {
     "gtk", CreateNativeWindow, ShowNativeWindow, DisposeNativeWindow, ControlChanged, Pump, Wake,
 };
 
+/* ---- The first contact ---- */
+
+// A display server that accepts the connection and never answers would hold the
+// first contact for ever: Xlib and Wayland wait for its reply without a limit.
+constexpr auto kFirstContactLimit = std::chrono::seconds(3);
+
+// Whether contact(name) is true within the limit. It runs on a thread of its own,
+// left blocked where it is when the server never answers.
+bool AnswersInTime(bool (*contact)(const char*), const char* name) {
+    struct Probe {
+        std::mutex lock;
+        std::condition_variable finished;
+        bool done = false, answered = false;
+    };
+    auto probe = std::make_shared<Probe>();
+    try {
+        std::thread([probe, contact, display = std::string(name)] {
+            bool answered = contact(display.c_str());
+            std::lock_guard<std::mutex> hold(probe->lock);
+            probe->done = true;
+            probe->answered = answered;
+            probe->finished.notify_all();
+        }).detach();
+    } catch (const std::system_error&) {
+        return false;
+    }
+    std::unique_lock<std::mutex> hold(probe->lock);
+    probe->finished.wait_for(hold, kFirstContactLimit, [&] { return probe->done; });
+    return probe->answered;
+}
+
+bool XServerAnswers(const char* name) {
+    Display* display = XOpenDisplay(name);
+    if (!display) {
+        return false;
+    }
+    XCloseDisplay(display);
+    return true;
+}
+
+bool CompositorAnswers(const char* name) {
+    wl_display* display = wl_display_connect(name);
+    if (!display) {
+        return false;
+    }
+    bool answered = wl_display_roundtrip(display) >= 0;
+    wl_display_disconnect(display);
+    return answered;
+}
+
+bool IsSet(const char* variable) {
+    const char* value = getenv(variable);
+    return value && value[0] != '\0';
+}
+
+// GDK's backends for the displays named in the environment that answer in time, as
+// GDK's list of allowed backends: empty when none does.
+std::string AnsweringBackends() {
+    std::string backends;
+    if (IsSet("WAYLAND_DISPLAY") && AnswersInTime(CompositorAnswers, getenv("WAYLAND_DISPLAY"))) {
+        backends = "wayland";
+    }
+    if (IsSet("DISPLAY") && AnswersInTime(XServerAnswers, getenv("DISPLAY"))) {
+        backends += backends.empty() ? "x11" : ",x11";
+    }
+    return backends;
+}
+
+// GDK ends the process when its display goes away; the program must go on. For X,
+// Xlib's fatal I/O error is ours; for Wayland, a watch on the compositor's socket
+// that runs before GDK's own event source looks at it.
+void WatchForDisplayLoss(GdkDisplay* display) {
+    if (GDK_IS_X11_DISPLAY(display)) {
+        XSetIOErrorHandler(OnDisplayLost);
+        XSetIOErrorExitHandler(gdk_x11_display_get_xdisplay(display), OnDisplayLostExit, nullptr);
+    } else if (GDK_IS_WAYLAND_DISPLAY(display)) {
+        int fd = wl_display_get_fd(gdk_wayland_display_get_wl_display(display));
+        g_unix_fd_add_full(G_PRIORITY_HIGH, fd, static_cast<GIOCondition>(G_IO_HUP | G_IO_ERR),
+                           OnCompositorGone, nullptr, nullptr);
+    }
+}
+
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) const PlatBackendOps* PlatGtkBackend(void) {
     if (!ResolveLayer()) {
         return nullptr;
     }
+    std::string backends = AnsweringBackends();
+    if (backends.empty()) {
+        return nullptr;
+    }
+    gdk_set_allowed_backends(backends.c_str());
     if (!gtk_init_check(nullptr, nullptr)) {
         return nullptr;
     }
-    // GDK ends the process when the X server goes away; the program must go on.
-    GdkDisplay* display = gdk_display_get_default();
-    if (display && GDK_IS_X11_DISPLAY(display)) {
-        XSetIOErrorHandler(OnDisplayLost);
-        XSetIOErrorExitHandler(gdk_x11_display_get_xdisplay(display), OnDisplayLostExit, nullptr);
+    if (GdkDisplay* display = gdk_display_get_default()) {
+        WatchForDisplayLoss(display);
     }
     return &kGtkBackend;
 }
