@@ -123,6 +123,31 @@ bool ReadPng(const std::string& path, Picture* picture) {
     return png_image_finish_read(&image, nullptr, picture->rgba.data(), 0, nullptr) != 0;
 }
 
+// The window's content: the rectangle of the dialog background below the title bar, found
+// down a column near the left edge and along a row just inside the content; the border
+// is as wide at the bottom and on the right as on the left.
+Picture Content(const Picture& window, int* contentLeft = nullptr, int* contentTop = nullptr) {
+    auto background = [&](int x, int y) {
+        const unsigned char* p = window.At(x, y);
+        return p[0] == 0xF6 && p[1] == 0xF5 && p[2] == 0xF4;
+    };
+    int top = 0, left = 0;
+    while (top < window.height && !(window.width > 12 && background(12, top)))
+        top++;
+    while (top + 2 < window.height && left < window.width / 2 && !background(left, top + 2))
+        left++;
+    if (contentLeft && contentTop) {
+        *contentLeft = left;
+        *contentTop = top;
+    }
+    Picture content;
+    content.width = std::max(0, window.width - 2 * left);
+    content.height = std::max(0, window.height - top - left);
+    for (int y = top; y < top + content.height; ++y)
+        content.rgba.insert(content.rgba.end(), window.At(left, y), window.At(left, y) + content.width * 4);
+    return content;
+}
+
 // A control's frame (or a window's size) in the launcher's nib.
 struct Frame {
     int x, y, width, height;
@@ -231,8 +256,10 @@ class LauncherWindowTest : public testing::Test {
         return testing::AssertionSuccess();
     }
 
-    // A screenshot into the build tree about 0.3 s after the window mapped.
-    static Picture Photograph(unsigned long window, const std::string& name) {
+    // A screenshot into the build tree about 0.3 s after the window mapped, and the window's
+    // content without its title bar and border: what the nib lays out.
+    static Picture Photograph(unsigned long window, const std::string& name, int* left = nullptr,
+                              int* top = nullptr) {
         Sleep(300);
         std::string path = KESTRUN_BUILD_DIR "/gtk-shots/" + name;
         fs::create_directories(fs::path(path).parent_path());
@@ -240,7 +267,7 @@ class LauncherWindowTest : public testing::Test {
         Shell("import -window " + std::to_string(window) + " '" + path + "'", &status);
         Picture picture;
         EXPECT_TRUE(status == 0 && ReadPng(path, &picture)) << path;
-        return picture;
+        return Content(picture, left, top);
     }
 
     TempDir dir_;
@@ -313,12 +340,15 @@ TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
         unsigned long box = WaitForWindow(answer == "German Escape" ? kGermanBoxTitle : kBoxTitle);
         ASSERT_NE(box, 0u) << Output();
         Frame no = NibFrame("MessageBox_Installed", "NO11");
-        if (keys.empty())
+        int left = 0, top = 0;
+        if (keys.empty()) {
+            Photograph(box, "question-box-pointer.png", &left, &top);
             Shell("xdotool mousemove --window " + std::to_string(box) + " " +
-                  std::to_string(no.x + no.width / 2) + " " + std::to_string(no.y + no.height / 2) +
-                  " click 1");
-        else
+                  std::to_string(left + no.x + no.width / 2) + " " +
+                  std::to_string(top + no.y + no.height / 2) + " click 1");
+        } else {
             PressKeys(box, keys);
+        }
 
         EXPECT_EQ(Finish(), 0) << Output();
         EXPECT_EQ(OpenLog(), "-a " + app + "\n");
@@ -354,6 +384,57 @@ TEST_F(LauncherWindowTest, WarningBoxYesAndCloseBoxStartTheApplication) {
         EXPECT_TRUE(LogHas({"AutoRunApplication end......"}));
         EXPECT_EQ(closeBox, LogHas({"Close messageBox window"}));
     }
+}
+
+// Under openbox, which offers minimise and close whatever Motif's functions say, the
+// window manager draws no title bar with buttons of its own: GTK draws the title and the
+// close box alone, none on the progress window. A box minimised anyway comes back.
+TEST_F(LauncherWindowTest, OpenboxOffersNoMinimiseMaximiseOrProgressClose) {
+    pid_t openbox = fork();
+    if (openbox == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int quiet = open("/dev/null", O_WRONLY);
+        dup2(quiet, 1);
+        dup2(quiet, 2);
+        execlp("openbox", "openbox", "--sm-disable", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(openbox, 0);
+    struct Stop {
+        pid_t pid;
+        ~Stop() {
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
+        }
+    } stop{openbox};
+    if (!Within(10000, [] {
+            return Shell("xprop -root _NET_SUPPORTING_WM_CHECK").find("window id") != std::string::npos;
+        }))
+        GTEST_SKIP() << "openbox did not start here (is the package openbox installed?)";
+
+    Versions(5, 4);
+    Start();
+    unsigned long box = WaitForWindow(kBoxTitle);
+    ASSERT_NE(box, 0u) << Output();
+    auto managedWithoutFrame = [](unsigned long window) {
+        return Within(5000, [&] {
+            return Property(window, "_NET_FRAME_EXTENTS").find("= 0, 0, 0, 0") != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(managedWithoutFrame(box)) << Property(box, "_NET_FRAME_EXTENTS");
+    Picture shot = Photograph(box, "question-box-openbox.png");
+    EXPECT_EQ(shot.width, NibFrame("MessageBox_Installed").width);
+    Shell("xdotool windowminimize " + std::to_string(box));
+    Sleep(500);
+    EXPECT_TRUE(Within(5000, [&] { return FindWindow(kBoxTitle) == box; }))
+        << "the minimised box stayed hidden";
+
+    PressKeys(box, "Return");
+    unsigned long progress = WaitForWindow(kProgressTitle);
+    ASSERT_NE(progress, 0u) << Output();
+    EXPECT_TRUE(managedWithoutFrame(progress)) << Property(progress, "_NET_FRAME_EXTENTS");
+    WriteFile(root + "/release-copy", "");
+    EXPECT_EQ(Finish(), 0) << Output();
 }
 
 // A message longer than its frame grows the box, moving the buttons down: no line is cut.

@@ -402,7 +402,8 @@ gboolean OnKeyPress(GtkWidget*, GdkEventKey* event, gpointer window) {
 }
 
 // A dialog offers to move, and to close only with a close box: no minimise,
-// maximise or resize.
+// maximise or resize. Window managers that honour Motif's functions take them from
+// here; the title bar is our own (see TitleBar), so none draws buttons of its own.
 void OnRealize(GtkWidget* toplevel, gpointer window) {
     PlatWindowInfo info;
     GdkWindow* native = gtk_widget_get_window(toplevel);
@@ -411,7 +412,28 @@ void OnRealize(GtkWidget* toplevel, gpointer window) {
     }
     gdk_window_set_functions(
         native, static_cast<GdkWMFunction>(GDK_FUNC_MOVE | (info.hasCloseBox ? GDK_FUNC_CLOSE : 0)));
-    gdk_window_set_decorations(native, static_cast<GdkWMDecoration>(GDK_DECOR_BORDER | GDK_DECOR_TITLE));
+}
+
+// A window manager that minimises anyway (from its menu or a key) would hide a
+// window the program waits on: it comes straight back.
+gboolean OnWindowState(GtkWidget* toplevel, GdkEventWindowState* event, gpointer) {
+    if ((event->changed_mask & GDK_WINDOW_STATE_ICONIFIED) &&
+        (event->new_window_state & GDK_WINDOW_STATE_ICONIFIED)) {
+        gtk_window_deiconify(GTK_WINDOW(toplevel));
+    }
+    return FALSE;
+}
+
+// The title bar is drawn by GTK, with the title and, for a window with a close box,
+// that box alone: window managers that ignore Motif's functions (openbox offers
+// minimise whatever they say) honour a window that asks for no decorations at all.
+GtkWidget* TitleBar(const PlatWindowInfo& info) {
+    GtkWidget* bar = gtk_header_bar_new();
+    gtk_header_bar_set_title(GTK_HEADER_BAR(bar), info.title ? info.title : "");
+    gtk_header_bar_set_decoration_layout(GTK_HEADER_BAR(bar), ":close");
+    gtk_header_bar_set_show_close_button(GTK_HEADER_BAR(bar), info.hasCloseBox);
+    gtk_widget_show(bar);
+    return bar;
 }
 
 gboolean PulseBars(gpointer data) {
@@ -466,8 +488,10 @@ OSStatus CreateNativeWindow(WindowRef window) {
     gtk_window_set_type_hint(toplevel, GDK_WINDOW_TYPE_HINT_DIALOG);
     gtk_window_set_resizable(toplevel, FALSE);
     gtk_window_set_deletable(toplevel, info.hasCloseBox);
+    gtk_window_set_titlebar(toplevel, TitleBar(info));
     gtk_window_set_position(toplevel, GTK_WIN_POS_CENTER);
     g_signal_connect(native->toplevel, "delete-event", G_CALLBACK(OnDeleteEvent), window);
+    g_signal_connect(native->toplevel, "window-state-event", G_CALLBACK(OnWindowState), nullptr);
     g_signal_connect(native->toplevel, "key-press-event", G_CALLBACK(OnKeyPress), window);
     g_signal_connect_after(native->toplevel, "realize", G_CALLBACK(OnRealize), window);
     gtk_container_add(GTK_CONTAINER(native->toplevel), native->fixed);
