@@ -466,6 +466,41 @@ TEST_F(LauncherWindowTest, LongMessageGrowsTheBox) {
     EXPECT_EQ(OpenLog(), "-a " + app + "\n");
 }
 
+// A caption longer than its button grows the box: the button keeps the nib's distance to
+// the right edge, and the message widens with the box, keeping its own margin.
+TEST_F(LauncherWindowTest, LongCaptionWidensTheBoxAndKeepsItsMargins) {
+    const std::string nib = bundle + "/Contents/Resources/en.lproj/main.nib/objects.xib";
+    std::string text = ReadFile(nib);
+    const std::string from = "<string name=\"title\">Install</string>";
+    for (size_t at; (at = text.find(from)) != std::string::npos;)
+        text.replace(at, from.size(),
+                     "<string name=\"title\">Install the new version over the old one now</string>");
+    WriteFile(nib, text);
+    Versions(5, 4);
+    Start();
+    unsigned long box = WaitForWindow(kBoxTitle);
+    ASSERT_NE(box, 0u) << Output();
+    Picture shot = Photograph(box, "question-box-long-caption.png");
+    Frame size = NibFrame("MessageBox_Installed"), yes = NibFrame("MessageBox_Installed", "YES1"),
+          message = NibFrame("MessageBox_Installed", "MSG1");
+    ASSERT_GT(shot.width, size.width + 40) << "the box did not grow for the caption";
+    int rightmostBlue = -1;
+    for (int y = yes.y; y < yes.y + yes.height && y < shot.height; ++y)
+        for (int x = 0; x < shot.width; ++x)
+            if (BluePixels(shot, Frame{x, y, 1, 1}) > 0)
+                rightmostBlue = std::max(rightmostBlue, x);
+    EXPECT_NEAR(shot.width - 1 - rightmostBlue, size.width - (yes.x + yes.width), 2)
+        << "the default button lost its margin to the right edge";
+    int textRight = message.x + message.width, margin = size.width - textRight;
+    EXPECT_GT(Count(shot, Frame{textRight, message.y, shot.width - margin - textRight, message.height}, Ink),
+              30)
+        << "the message did not widen with the box";
+    EXPECT_EQ(Count(shot, Frame{shot.width - margin + 2, message.y, margin - 2, message.height}, Ink), 0)
+        << "the message runs into its right margin";
+    PressKeys(box, "Escape");
+    EXPECT_EQ(Finish(), 0) << Output();
+}
+
 // A display that goes away: the question box answers as its close box; behind the
 // progress window the copy and the install go on. The launcher ends with 0 either way.
 TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {

@@ -277,47 +277,107 @@ PlatRect TextNeeds(GtkWidget* label, const PlatRect& frame) {
     return PlatRect{frame.x, frame.y, width, std::max(frame.height, natural)};
 }
 
-// Places the controls at their nib frames, with room for every text: a text that
-// needs more room grows, the controls below it move down, and those in the right
-// half below it keep their distance to the right edge. The window grows with
-// them, and never gets smaller than in the nib.
+// Whether two frames share a row: they overlap from top to bottom.
+bool SameRow(const PlatRect& a, const PlatRect& b) {
+    return a.y < b.y + b.height && b.y < a.y + a.height;
+}
+
+// Whether a frame keeps its distance to the window's right edge when the window grows.
+bool KeepsRightMargin(const PlatRect& frame, int windowWidth) {
+    return 2 * frame.x + frame.width >= windowWidth;
+}
+
+// Widens a push button to its caption, never narrower than in the nib; how much wider.
+int FitButton(const NativeControl& button) {
+    int height = std::max(button.frame.height, 1), minimum = 0, natural = 0;
+    gtk_widget_set_size_request(button.widget, std::max(button.frame.width, 1), height);
+    gtk_widget_get_preferred_width(button.widget, &minimum, &natural);
+    int width = std::max(button.frame.width, minimum);
+    gtk_widget_set_size_request(button.widget, std::max(width, 1), height);
+    return width - button.frame.width;
+}
+
+// Places the controls at their nib frames, with room for every caption and text,
+// keeping the nib's margins. A button grows to its caption: one in the right half
+// towards the left, so that it keeps its distance to the right edge, the others
+// towards the right, pushing the buttons of their row aside; the window widens by
+// what a row of buttons grew, and so do the texts that reach into its right half.
+// A text that needs more room still grows: the controls below it move down, and
+// those in the right half keep their distance to the right edge. The window never
+// gets smaller than in the nib.
 void Layout(NativeWindow* native) {
+    const std::vector<NativeControl>& controls = native->controls;
+    const int windowWidth = native->size.width;
+    std::vector<int> grew(controls.size(), 0);
+    for (size_t i = 0; i < controls.size(); ++i) {
+        if (controls[i].kind == kPlatControlPushButton) {
+            grew[i] = FitButton(controls[i]);
+        }
+    }
+    int wider = 0;
+    for (size_t i = 0; i < controls.size(); ++i) {
+        int row = 0;
+        for (size_t j = 0; j < controls.size(); ++j) {
+            if (controls[j].kind == kPlatControlPushButton && SameRow(controls[i].frame, controls[j].frame)) {
+                row += grew[j];
+            }
+        }
+        wider = std::max(wider, controls[i].kind == kPlatControlPushButton ? row : 0);
+    }
+
     struct Growth {
         PlatRect frame;
         int down, right;
     };
     std::vector<Growth> growths;
-    int wider = 0;
-    for (const NativeControl& control : native->controls) {
+    const int buttonsWider = wider;
+    for (const NativeControl& control : controls) {
         if (control.kind != kPlatControlStaticText) {
             continue;
         }
-        PlatRect needs = TextNeeds(control.widget, control.frame);
+        PlatRect base = control.frame;
+        if (KeepsRightMargin(base, windowWidth)) {
+            base.width += buttonsWider;
+        }
+        PlatRect needs = TextNeeds(control.widget, base);
         gtk_widget_set_size_request(control.placed, std::max(needs.width, 1), std::max(needs.height, 1));
         growths.push_back(
             {control.frame, needs.height - control.frame.height, needs.width - control.frame.width});
         wider = std::max(wider, needs.width - control.frame.width);
     }
+
     int taller = 0;
-    for (const NativeControl& control : native->controls) {
-        int x = control.frame.x, y = control.frame.y;
+    for (size_t i = 0; i < controls.size(); ++i) {
+        const PlatRect& frame = controls[i].frame;
+        int x = frame.x, y = frame.y;
+        bool belowText = false;
         for (const Growth& growth : growths) {
-            if (control.frame.y >= growth.frame.y + growth.frame.height) {
+            if (frame.y >= growth.frame.y + growth.frame.height) {
                 y += growth.down;
-                if (control.frame.x >= native->size.width / 2) {
-                    x += wider;
-                }
-            } else if (control.frame.x >= growth.frame.x + growth.frame.width) {
+                belowText = true;
+            } else if (frame.x >= growth.frame.x + growth.frame.width) {
                 x += growth.right;
             }
         }
-        gtk_fixed_move(GTK_FIXED(native->fixed), control.placed, x, y);
-        taller = std::max(taller, y - control.frame.y);
+        if (controls[i].kind == kPlatControlPushButton) {
+            int left = 0, right = 0; // what the row's buttons on either side grew
+            for (size_t j = 0; j < controls.size(); ++j) {
+                if (j != i && controls[j].kind == kPlatControlPushButton &&
+                    SameRow(frame, controls[j].frame)) {
+                    (controls[j].frame.x < frame.x ? left : right) += grew[j];
+                }
+            }
+            x = KeepsRightMargin(frame, windowWidth) ? frame.x + wider - grew[i] - right : frame.x + left;
+        } else if (belowText && frame.x >= windowWidth / 2) {
+            x += wider;
+        }
+        gtk_fixed_move(GTK_FIXED(native->fixed), controls[i].placed, x, y);
+        taller = std::max(taller, y - frame.y);
     }
     for (const Growth& growth : growths) {
         taller = std::max(taller, growth.down);
     }
-    gtk_widget_set_size_request(native->fixed, std::max(native->size.width + wider, 1),
+    gtk_widget_set_size_request(native->fixed, std::max(windowWidth + wider, 1),
                                 std::max(native->size.height + taller, 1));
 }
 
