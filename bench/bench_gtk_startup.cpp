@@ -115,7 +115,7 @@ std::string MakeDisc(const std::string& root, bool withModule) {
     fs::create_directories(fs::path(bundle).parent_path());
     fs::copy(std::string(KESTRUN_BUILD_DIR) + "/Launcher.app", bundle, fs::copy_options::recursive);
     if (!withModule)
-        fs::remove_all(bundle + "/Contents/PlugIns");
+        fs::remove_all(bundle + "/Contents/Linux/PlugIns");
     std::string record = root + "/Vantorel.cfg"; // both version fields 0: the path is the record
     std::string versions = "[System]\nVRVersion=5\nBuildVersion=1\nDebugVersion=0\nSPVersion=0\n"
                            "CustomizeVersion=0\nMajorVersion=0\n";
@@ -124,7 +124,7 @@ std::string MakeDisc(const std::string& root, bool withModule) {
     WriteFile(record, versions);
     fs::create_directories(root + "/bin");
     fs::create_symlink("/bin/true", root + "/bin/open");
-    return bundle + "/Contents/MacOS/Launcher";
+    return bundle + "/Contents/Linux/Launcher";
 }
 
 void BM_NoWindowRunWithGtkModule(benchmark::State& state) {

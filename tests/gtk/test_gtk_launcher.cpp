@@ -204,7 +204,7 @@ class LauncherWindowTest : public testing::Test {
         app = root + "/Applications/Vantorel.app";
         fs::create_directories(fs::path(bundle).parent_path());
         fs::copy(KESTRUN_BUILD_DIR "/Launcher.app", bundle, fs::copy_options::recursive);
-        ASSERT_TRUE(fs::exists(bundle + "/Contents/MacOS/Launcher"));
+        ASSERT_TRUE(fs::exists(bundle + "/Contents/Linux/Launcher"));
         WriteFile(bundle + "/Contents/AutoSetup", "#!/bin/sh\nexit 0\n", true);
         // The installer script installs the staged package's record as the application.
         WriteFile(bundle + "/Contents/run_local_kestrun",

@@ -146,7 +146,7 @@ TEST_F(Core, ModulePath) {
                       escaped = UseBundle("My Disc/100%41 #1/L.app"), longest = UseBundle(deep + "/L.app"),
                       blanks = UseBundle(blank + "/" + blank + "/" + blank + "/" + blank + "/" + blank + "/" +
                                          blank + "/L.app"),
-                      exe = "/Contents/MacOS/Launcher";
+                      exe = "/Contents/Linux/Launcher";
     for (const auto& [release, executable, size, path] :
          std::vector<std::tuple<const char*, std::string, int, std::string>>{
              {"10.8.0", nested + exe, 1024, nested},

@@ -80,7 +80,7 @@ extern const PlatBackendOps gPlatTerminalBackend;
 extern const PlatBackendOps gPlatNoneBackend;
 
 /* Entry point of the gtk module, a shared object loaded with dlopen from
- * <main bundle>/Contents/PlugIns/PLAT_GTK_MODULE_NAME (else PLAT_GTK_MODULE_FALLBACK,
+ * <main bundle>/Contents/Linux/PlugIns/PLAT_GTK_MODULE_NAME (else PLAT_GTK_MODULE_FALLBACK,
  * the build tree's copy): returns its ops, or null when GTK cannot start. */
 typedef const PlatBackendOps* (*PlatBackendEntry)(void);
 #define PLAT_GTK_MODULE_ENTRY "PlatGtkBackend"

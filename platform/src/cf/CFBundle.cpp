@@ -19,7 +19,7 @@ struct __CFBundle {
     CFInternalBase base;
     std::string path;       /* bundle folder, no trailing "/" */
     std::string executable; /* absolute path of the executable */
-    bool isApplication;     /* executable in <path>/Contents/MacOS */
+    bool isApplication;     /* executable in <path>/Contents/MacOS or <path>/Contents/Linux */
 };
 static_assert(std::is_standard_layout_v<__CFBundle>, "the base must sit at the object's address");
 
@@ -77,14 +77,21 @@ CFBundleRef CFBundleGetMainBundle(void) {
     if (slash == std::string::npos || slash + 1 == executable.size())
         return nullptr;
     std::string folder = executable.substr(0, slash);
-    static const std::string kMacOS = "/Contents/MacOS";
+    /* One bundle carries the Mac program and the Linux one side by side. */
+    static const std::string kProgramFolders[] = {"/Contents/MacOS", "/Contents/Linux"};
     auto* bundle = new __CFBundle;
     CFInternalInit(&bundle->base, &kBundleClass);
     bundle->base.immortal = true;
     bundle->executable = executable;
-    bundle->isApplication = folder.size() >= kMacOS.size() &&
-                            folder.compare(folder.size() - kMacOS.size(), kMacOS.size(), kMacOS) == 0;
-    bundle->path = bundle->isApplication ? folder.substr(0, folder.size() - kMacOS.size()) : folder;
+    bundle->isApplication = false;
+    bundle->path = folder;
+    for (const std::string& programs : kProgramFolders) {
+        if (folder.size() >= programs.size() &&
+            folder.compare(folder.size() - programs.size(), programs.size(), programs) == 0) {
+            bundle->isApplication = true;
+            bundle->path = folder.substr(0, folder.size() - programs.size());
+        }
+    }
     if (bundle->path.empty())
         bundle->path = "/";
     gMainBundle = bundle;
@@ -115,7 +122,7 @@ void* CFInternalOpenPlugIn(const char* fileName, const char* fallbackPath, const
                            std::string* error) {
     std::string inBundle;
     if (const __CFBundle* bundle = AsBundle(CFBundleGetMainBundle())) {
-        inBundle = bundle->path + "/Contents/PlugIns/" + fileName;
+        inBundle = bundle->path + "/" + kCFInternalPlugInsFolder + "/" + fileName;
     }
     for (const std::string& path : {inBundle, std::string(fallbackPath)}) {
         if (path.empty()) {

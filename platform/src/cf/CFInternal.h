@@ -75,7 +75,11 @@ void CFInternalDecodeMacRoman(std::string_view bytes, std::u16string& out);
  * device reads as absent); false and no bytes otherwise. */
 bool CFInternalReadRegularFile(const std::string& path, size_t limit, std::string& bytes);
 
-/* The entry point of a plug-in of the main bundle: <bundle>/Contents/PlugIns/<fileName>
+/* The folder of the Linux program's modules in a bundle, beside the program: Contents/MacOS
+ * holds only the Mac program. */
+constexpr char kCFInternalPlugInsFolder[] = "Contents/Linux/PlugIns";
+
+/* The entry point of a plug-in of the main bundle: <bundle>/Contents/Linux/PlugIns/<fileName>
  * opened with dlopen, else the copy at fallbackPath; null when neither opens or has the
  * entry (error then says why). A plug-in once opened stays open. */
 void* CFInternalOpenPlugIn(const char* fileName, const char* fallbackPath, const char* entryName,

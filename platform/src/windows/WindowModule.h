@@ -1,4 +1,4 @@
-/* The window code kept in a module of the bundle (Contents/PlugIns): the nib reader,
+/* The window code kept in a module of the bundle (Contents/Linux/PlugIns): the nib reader,
  * PNG pictures and the window backends. The program opens it when the first window or
  * picture is made, so a run that shows no window never loads the XML and PNG readers.
  *
