@@ -501,6 +501,58 @@ TEST_F(LauncherWindowTest, LongCaptionWidensTheBoxAndKeepsItsMargins) {
     EXPECT_EQ(Finish(), 0) << Output();
 }
 
+// Chinese breaks between any two characters: whatever the number of characters per line,
+// the message never ends with one character alone on its last line. The lengths tried
+// make the last of three lines hold one character for 20 to 36 characters a line.
+TEST_F(LauncherWindowTest, ChineseLeavesNoLoneCharacter) {
+    if (Shell("fc-list :lang=zh family").empty())
+        GTEST_SKIP() << "no Chinese font here (Debian package fonts-wqy-microhei)";
+    Versions(5, 4);
+    const std::string strings = bundle + "/Contents/Resources/zh_CN.lproj/custom.strings";
+    Frame message = NibFrame("MessageBox_Installed", "MSG1"), yes = NibFrame("MessageBox_Installed", "YES1");
+    for (int length = 41; length <= 73; length += 2) {
+        std::string text;
+        for (int i = 0; i < length; ++i)
+            text += "\xE5\xAE\x89"; // a character of "install"
+        WriteFile(strings, "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" +
+                               text + "\";\n");
+        fs::remove(root + "/open.log");
+        setenv("LANG", "zh_CN.UTF-8", 1);
+        Start();
+        setenv("LANG", "C.UTF-8", 1);
+        // Found by its class: the Chinese title is in _NET_WM_NAME alone, which xdotool does not search.
+        unsigned long box = 0;
+        Within(kWindowWaitMs, [&] {
+            return (box = std::strtoul(Shell("xdotool search --onlyvisible --class '^Launcher$'").c_str(),
+                                       nullptr, 10)) != 0;
+        });
+        ASSERT_NE(box, 0u) << Output();
+        Picture shot = Photograph(box, "question-box-chinese.png");
+        // The last line's ink: a lone character is about as wide as it is high.
+        int last = -1, first = -1, left = shot.width, right = -1;
+        for (int y = yes.y + shot.height - NibFrame("MessageBox_Installed").height - 1; y >= message.y; --y) {
+            bool ink = Count(shot, Frame{message.x, y, shot.width - message.x, 1}, Ink) > 0;
+            if (ink && last < 0)
+                last = y;
+            if (!ink && last >= 0) {
+                first = y + 1;
+                break;
+            }
+        }
+        ASSERT_GE(last, 0) << length;
+        for (int y = first; y <= last; ++y)
+            for (int x = message.x; x < shot.width; ++x)
+                if (Ink(shot.At(x, y))) {
+                    left = std::min(left, x);
+                    right = std::max(right, x);
+                }
+        EXPECT_GT(right - left + 1, 3 * (last - first + 1) / 2)
+            << length << " characters end with a lone one";
+        PressKeys(box, "Escape");
+        EXPECT_EQ(Finish(), 0) << Output();
+    }
+}
+
 // A display that goes away: the question box answers as its close box; behind the
 // progress window the copy and the install go on. The launcher ends with 0 either way.
 TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {

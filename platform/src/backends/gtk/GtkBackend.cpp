@@ -262,10 +262,50 @@ GtkWidget* FrameFor(GtkWidget* label, const PlatRect& frame) {
 
 /* ---- Layout ---- */
 
+// Whether the last of several lines holds a single character (blanks aside).
+bool EndsWithALoneCharacter(PangoLayout* layout) {
+    int count = pango_layout_get_line_count(layout);
+    if (count < 2) {
+        return false;
+    }
+    PangoLayoutLine* last = pango_layout_get_line_readonly(layout, count - 1);
+    const char* text = pango_layout_get_text(layout) + last->start_index;
+    int characters = 0;
+    for (const char* p = text; p < text + last->length; p = g_utf8_next_char(p)) {
+        characters += g_unichar_isspace(g_utf8_get_char(p)) ? 0 : 1;
+    }
+    return characters == 1;
+}
+
+// The width to wrap a text at: the width it is given, or a little less where that
+// would leave one character alone on the last line, as East Asian text, which may
+// break between any two characters, easily does. Measured with Pango on the label's
+// own layout, so the label wraps as measured.
+int WrapWidth(GtkWidget* label, int width) {
+    PangoLayout* layout = pango_layout_copy(gtk_label_get_layout(GTK_LABEL(label)));
+    int wrap = width;
+    pango_layout_set_width(layout, wrap * PANGO_SCALE);
+    // Each round moves at least the last character of the line before down.
+    for (int round = 0; round < 4 && EndsWithALoneCharacter(layout); ++round) {
+        PangoRectangle logical;
+        pango_layout_line_get_pixel_extents(
+            pango_layout_get_line_readonly(layout, pango_layout_get_line_count(layout) - 1), nullptr,
+            &logical);
+        wrap -= std::max(logical.width, 1);
+        pango_layout_set_width(layout, std::max(wrap, 1) * PANGO_SCALE);
+    }
+    bool lone = EndsWithALoneCharacter(layout);
+    g_object_unref(layout);
+    return lone || wrap < width / 2 ? width : wrap;
+}
+
 // The size a text needs to show every word whole: its frame, wider for a word
 // longer than the frame is wide, and taller for as many lines as it wraps into.
+// Where the width would leave a lone character on the last line, the text wraps a
+// little short of its right edge (a margin inside its frame).
 PlatRect TextNeeds(GtkWidget* label, const PlatRect& frame) {
     int minimum = 0, natural = 0;
+    gtk_widget_set_margin_end(label, 0);
     gtk_label_set_line_wrap_mode(GTK_LABEL(label), PANGO_WRAP_WORD);
     gtk_widget_get_preferred_width(label, &minimum, &natural);
     if (minimum > kMaxTextWidth) {
@@ -273,6 +313,7 @@ PlatRect TextNeeds(GtkWidget* label, const PlatRect& frame) {
         gtk_widget_get_preferred_width(label, &minimum, &natural);
     }
     int width = std::max(frame.width, std::min(minimum, kMaxTextWidth));
+    gtk_widget_set_margin_end(label, width - WrapWidth(label, width));
     gtk_widget_get_preferred_height_for_width(label, width, &minimum, &natural);
     return PlatRect{frame.x, frame.y, width, std::max(frame.height, natural)};
 }
