@@ -182,12 +182,14 @@ TEST_F(EndToEnd, DashboardInstall) {
 }
 
 // An installed copy older than the package: the question box, on a terminal or nowhere. Typed
-// answers: a caption in any case (beyond ASCII too, in German) and with blanks, its first
-// letter, Return for the default, Escape for the cancel button; anything else asks again.
+// answers: a caption in any case (beyond ASCII too, in German and Japanese) and with blanks, its
+// first letter, Return for the default, Escape (or a key whose sequence starts with it) for the
+// cancel button; anything else asks again.
 // End of input and a terminal that hangs up are the close box; the launcher ends as always.
 TEST_F(EndToEnd, QuestionBox) {
     const std::string german = "Geben Sie den Namen einer Schaltfl\xC3\xA4"
                                "che";
+    const std::string japanese = "\xE3\x83\x9C\xE3\x82\xBF\xE3\x83\xB3"; // "button"
     Install(SysConfig(2, 0, 1, 0, 0, 0));
     for (const auto& [name, terminal, answer, installs] :
          std::vector<std::tuple<std::string, bool, std::string, bool>>{
@@ -200,12 +202,17 @@ TEST_F(EndToEnd, QuestionBox) {
               "FFNEN\n",
               false},
              {"escape", true, "\x1b", false},
+             {"arrow key", true, "i\x1b[A", false}, // a key's sequence starts with Escape
+             {"Japanese", true, "\xE3\x82\xA4\xE3\x83\xB3\xE3\x82\xB9\xE3\x83\x88\xE3\x83\xBC\xE3\x83\xAB\n",
+              true},
              {"end of input", true, "\x04", false},
              {"hang-up", true, kHangUp, false}}) {
         SCOPED_TRACE(name);
         fs::remove_all(kStaged);
-        setenv("LANG", name == "German" ? "de_DE.UTF-8" : "C.UTF-8", 1);
-        const std::string prompt = name == "German" ? german : "Type the name of a button";
+        setenv("LANG", name == "German" ? "de_DE.UTF-8" : name == "Japanese" ? "ja_JP.UTF-8" : "C.UTF-8", 1);
+        const std::string prompt = name == "German"     ? german
+                                   : name == "Japanese" ? japanese
+                                                        : "Type the name of a button";
         RunResult run = Launch(Disc("Volumes/" + name + "/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)),
                                terminal, terminal ? prompt : "", answer);
         int failed = FindMessage(run.log, "CreateWindowFromNib failed");
