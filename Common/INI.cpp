@@ -25,6 +25,32 @@ FILE* OpenConfigFile(const char* path) {
     return OpenPlainFile(path, O_RDONLY, "rb", true);
 }
 
+// The one lookup of both readers: the value of key in section of the current file as it
+// stands in g_linetext, or null. A file that does not open is logged under func with
+// openFailure (its path the one argument); a missing section or key only if reportMissing.
+char* LookUp(const char* func, const char* section, const char* key, const char* openFailure,
+             bool reportMissing) {
+    FILE* file = OpenConfigFile(g_filename);
+    if (file == nullptr) {
+        Log(kSource, func, openFailure, g_filename);
+        return nullptr;
+    }
+    char* value = nullptr;
+    if (!SectionExists(file, section)) {
+        if (reportMissing) {
+            Log(kSource, func, "cfg section [%s] not exists...", section);
+        }
+    } else if (!KeyExists(file, key)) {
+        if (reportMissing) {
+            Log(kSource, func, "cfg key [%s] not exists...", key);
+        }
+    } else {
+        value = GetKeyValue(g_linetext);
+    }
+    fclose(file);
+    return value;
+}
+
 } // namespace
 
 bool SetIniFileName(const char* path) {
@@ -48,24 +74,8 @@ const char* ReadString(const char* section, const char* key, const char* default
         Log(kSource, __func__, "param error.");
         return defaultValue;
     }
-    FILE* file = OpenConfigFile(g_filename);
-    if (file == nullptr) {
-        Log(kSource, __func__, "open file: %s failed, please check...", g_filename);
-        return defaultValue;
-    }
-    if (!SectionExists(file, section)) {
-        Log(kSource, __func__, "cfg section [%s] not exists...", section);
-        fclose(file);
-        return defaultValue;
-    }
-    if (!KeyExists(file, key)) {
-        Log(kSource, __func__, "cfg key [%s] not exists...", key);
-        fclose(file);
-        return defaultValue;
-    }
-    char* value = GetKeyValue(g_linetext);
-    fclose(file);
-    return Trim(value);
+    char* value = LookUp(__func__, section, key, "open file: %s failed, please check...", true);
+    return value != nullptr ? Trim(value) : defaultValue;
 }
 
 const char* ReadStringEx(const char* section, const char* key, const char* defaultValue) {
@@ -73,18 +83,8 @@ const char* ReadStringEx(const char* section, const char* key, const char* defau
         Log(kSource, __func__, "param error.");
         return defaultValue;
     }
-    FILE* file = OpenConfigFile(g_filename);
-    if (file == nullptr) {
-        Log(kSource, __func__, "open file: %s failed, please check...\n", g_filename);
-        return defaultValue;
-    }
-    if (!SectionExists(file, section) || !KeyExists(file, key)) {
-        fclose(file);
-        return defaultValue;
-    }
-    char* value = GetKeyValue(g_linetext);
-    fclose(file);
-    return value;
+    char* value = LookUp(__func__, section, key, "open file: %s failed, please check...\n", false);
+    return value != nullptr ? value : defaultValue;
 }
 
 const char* GetInitKey(const char* section, const char* key) {

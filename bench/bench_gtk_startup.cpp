@@ -124,7 +124,7 @@ std::string MakeDisc(const std::string& root, bool withModule) {
     WriteFile(record, versions);
     fs::create_directories(root + "/bin");
     fs::create_symlink("/bin/true", root + "/bin/open");
-    return bundle + "/Contents/MacOS/Launcher";
+    return bundle + "/Contents/Linux/Launcher";
 }
 
 void BM_NoWindowRunWithGtkModule(benchmark::State& state) {

@@ -81,7 +81,7 @@ bool RunProgram(const std::string& program, double* cpuSeconds) {
 
 void BM_LauncherStopVersusTrue(benchmark::State& state) {
     std::string source = std::string(KESTRUN_BUILD_DIR) + "/Launcher.app";
-    if (!fs::exists(source + "/Contents/MacOS/Launcher")) {
+    if (!fs::exists(source + "/Contents/Linux/Launcher")) {
         state.SkipWithError("build the Launcher target first");
         return;
     }
@@ -109,7 +109,7 @@ void BM_LauncherStopVersusTrue(benchmark::State& state) {
         WriteFile(app + "/Contents/Resources/SysConfig.dat", versions);
         fs::create_directories(kStagedPackage);
 
-        std::string launcher = bundle + "/Contents/MacOS/Launcher";
+        std::string launcher = bundle + "/Contents/Linux/Launcher";
         using Clock = std::chrono::steady_clock;
         Clock::duration launcherTime{}, trueTime{};
         double launcherCpu = 0, trueCpu = 0;

@@ -2,10 +2,12 @@
  *
  * format_output_s is a state machine over the printf format language driven by
  * format_state_table. The parser collects one conversion specification at a time; at its
- * conversion character the argument is fetched, turned into a piece of text, and only
- * then written. All writes go through an OutputBuffer that refuses the first byte that
- * does not fit. Integer, character, string and pointer conversions are the engine's own;
- * floating conversions are handed to the platform's formatter.
+ * conversion character the argument is fetched, turned into a piece of text by its
+ * converter, and only then written. Every byte goes out through the writers of one
+ * OutputBuffer, which refuses the first byte that does not fit and remembers it: from then
+ * on every write does nothing, so the engine looks for a failure once per conversion.
+ * Integer, character, string and pointer conversions are the engine's own; floating
+ * conversions are handed to the platform's formatter.
  */
 #include "bounded/bounded.h"
 #include "bounded/scan.h"
@@ -16,6 +18,10 @@
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
+
+/* The converters and writers are each one procedure in the source, but copied into every
+ * place that calls them, so the compiler can fold in what a call site already knows. */
+#define ALWAYS_INLINE __attribute__((always_inline)) inline
 
 namespace {
 
@@ -47,9 +53,82 @@ enum FormatState {
     STATE_COUNT
 };
 
-/* Low nibble of the byte at c - 0x20: the class of format character c (0x20 to 0x7A).
- * High nibble of the byte at class * STATE_COUNT + state: the state that follows. */
-constexpr unsigned char format_state_table[96] = {
+/* The characters of each class; every byte not listed is CLASS_OTHER. */
+struct ClassRow {
+    CharClass cls;
+    const char* characters;
+};
+
+constexpr ClassRow kClassRows[] = {
+    {CLASS_PERCENT, "%"},        {CLASS_DOT, "."},
+    {CLASS_STAR, "*"},           {CLASS_ZERO, "0"},
+    {CLASS_DIGIT, "123456789"},  {CLASS_FLAG, " #+-"},
+    {CLASS_SIZE, "ILNZhjlqtwz"}, {CLASS_TYPE, "CEFGSXcdefgiopsux"},
+};
+
+/* The state a character of each class leads to, by the state before it. Inside a
+ * specification anything out of order is INVALID; after a conversion (TYPE) or an
+ * INVALID the next character is plain text again. */
+// clang-format off
+constexpr FormatState kTransitionRows[CLASS_COUNT][STATE_COUNT] = {
+    /*              NORMAL        PERCENT       FLAG          WIDTH         DOT           PRECIS        SIZE          TYPE          INVALID */
+    /* OTHER   */ {STAT_NORMAL,  STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_NORMAL,  STAT_NORMAL},
+    /* PERCENT */ {STAT_PERCENT, STAT_NORMAL,  STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_PERCENT, STAT_NORMAL},
+    /* DOT     */ {STAT_NORMAL,  STAT_DOT,     STAT_DOT,     STAT_DOT,     STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_NORMAL,  STAT_NORMAL},
+    /* STAR    */ {STAT_NORMAL,  STAT_WIDTH,   STAT_WIDTH,   STAT_INVALID, STAT_PRECIS,  STAT_INVALID, STAT_INVALID, STAT_NORMAL,  STAT_NORMAL},
+    /* ZERO    */ {STAT_NORMAL,  STAT_FLAG,    STAT_FLAG,    STAT_WIDTH,   STAT_PRECIS,  STAT_PRECIS,  STAT_INVALID, STAT_NORMAL,  STAT_NORMAL},
+    /* DIGIT   */ {STAT_NORMAL,  STAT_WIDTH,   STAT_WIDTH,   STAT_WIDTH,   STAT_PRECIS,  STAT_PRECIS,  STAT_INVALID, STAT_NORMAL,  STAT_NORMAL},
+    /* FLAG    */ {STAT_NORMAL,  STAT_FLAG,    STAT_FLAG,    STAT_FLAG,    STAT_INVALID, STAT_INVALID, STAT_INVALID, STAT_NORMAL,  STAT_NORMAL},
+    /* SIZE    */ {STAT_NORMAL,  STAT_SIZE,    STAT_SIZE,    STAT_SIZE,    STAT_SIZE,    STAT_SIZE,    STAT_SIZE,    STAT_NORMAL,  STAT_NORMAL},
+    /* TYPE    */ {STAT_NORMAL,  STAT_TYPE,    STAT_TYPE,    STAT_TYPE,    STAT_TYPE,    STAT_TYPE,    STAT_TYPE,    STAT_NORMAL,  STAT_NORMAL},
+};
+// clang-format on
+
+/* High nibbles behind the last transition (TYPE, INVALID) that no lookup reads, but that
+ * the stored table has always carried beside the classes of q, t and z. */
+struct UnreadNibble {
+    int index;
+    unsigned char value;
+};
+
+constexpr UnreadNibble kUnreadNibbles[] = {{81, 0x7}, {84, 0x7}, {90, 0x5}};
+
+constexpr int FIRST_CLASSIFIED_CHAR = 0x20; /* blank */
+constexpr int LAST_CLASSIFIED_CHAR = 0x7A;  /* z */
+constexpr int STATE_TABLE_SIZE = 96;
+
+/* Both lookups packed into 96 bytes: the byte at c - 0x20 holds the class of character c
+ * (0x20 to 0x7A) in its low nibble; the byte at class * STATE_COUNT + state holds the
+ * state that follows in its high nibble. */
+struct StateTable {
+    unsigned char bytes[STATE_TABLE_SIZE];
+};
+
+constexpr StateTable BuildStateTable() {
+    StateTable table{};
+    for (const ClassRow& row : kClassRows) {
+        for (const char* c = row.characters; *c != '\0'; ++c) {
+            table.bytes[*c - FIRST_CLASSIFIED_CHAR] |= static_cast<unsigned char>(row.cls);
+        }
+    }
+    for (int cls = 0; cls < CLASS_COUNT; ++cls) {
+        for (int state = 0; state < STATE_COUNT; ++state) {
+            table.bytes[cls * STATE_COUNT + state] |=
+                static_cast<unsigned char>(kTransitionRows[cls][state] << 4);
+        }
+    }
+    for (const UnreadNibble& nibble : kUnreadNibbles) {
+        table.bytes[nibble.index] |= static_cast<unsigned char>(nibble.value << 4);
+    }
+    return table;
+}
+
+constexpr StateTable format_state_table = BuildStateTable();
+
+/* The table as every build of the engine has stored it: the rows above must make exactly
+ * these bytes. */
+// clang-format off
+constexpr unsigned char kStateTableBytes[STATE_TABLE_SIZE] = {
     0x06, 0x80, 0x80, 0x86, 0x80, 0x81, 0x80, 0x00, 0x00, 0x10, 0x03, 0x86, 0x80, 0x86, 0x82, 0x80,
     0x14, 0x05, 0x05, 0x45, 0x45, 0x45, 0x85, 0x85, 0x85, 0x05, 0x00, 0x00, 0x30, 0x30, 0x80, 0x50,
     0x80, 0x80, 0x00, 0x08, 0x00, 0x28, 0x28, 0x38, 0x50, 0x57, 0x80, 0x00, 0x07, 0x00, 0x37, 0x30,
@@ -57,12 +136,20 @@ constexpr unsigned char format_state_table[96] = {
     0x60, 0x60, 0x60, 0x68, 0x68, 0x68, 0x08, 0x08, 0x07, 0x78, 0x77, 0x70, 0x77, 0x70, 0x70, 0x08,
     0x08, 0x77, 0x00, 0x08, 0x77, 0x08, 0x00, 0x07, 0x08, 0x00, 0x57, 0x00, 0x00, 0x00, 0x00, 0x00,
 };
+// clang-format on
 
-constexpr int FIRST_CLASSIFIED_CHAR = 0x20; /* blank */
-constexpr int LAST_CLASSIFIED_CHAR = 0x7A;  /* z */
+constexpr bool IsStoredTable(const StateTable& table) {
+    for (int i = 0; i < STATE_TABLE_SIZE; ++i) {
+        if (table.bytes[i] != kStateTableBytes[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(IsStoredTable(format_state_table), "the class and transition rows changed the state table");
 
-/* The table unpacked once at compile time: a class for every byte value, and the next
- * state indexed by state and class, so the parser does two plain loads per character. */
+/* The table unpacked at compile time: a class for every byte value, and the next state
+ * indexed by state and class, so the parser does two plain loads per character. */
 struct ClassMap {
     unsigned char of[256];
 };
@@ -70,7 +157,7 @@ struct ClassMap {
 constexpr ClassMap DeriveClasses() {
     ClassMap map{};
     for (int c = FIRST_CLASSIFIED_CHAR; c <= LAST_CLASSIFIED_CHAR; ++c) {
-        map.of[c] = format_state_table[c - FIRST_CLASSIFIED_CHAR] & 0x0F;
+        map.of[c] = format_state_table.bytes[c - FIRST_CLASSIFIED_CHAR] & 0x0F;
     }
     return map;
 }
@@ -83,7 +170,7 @@ constexpr TransitionMap DeriveTransitions() {
     TransitionMap map{};
     for (int state = 0; state < STATE_COUNT; ++state) {
         for (int cls = 0; cls < CLASS_COUNT; ++cls) {
-            map.next[state][cls] = format_state_table[cls * STATE_COUNT + state] >> 4;
+            map.next[state][cls] = format_state_table.bytes[cls * STATE_COUNT + state] >> 4;
         }
     }
     return map;
@@ -91,6 +178,20 @@ constexpr TransitionMap DeriveTransitions() {
 
 constexpr ClassMap formatClasses = DeriveClasses();
 constexpr TransitionMap formatTransitions = DeriveTransitions();
+
+/* Where plain text of a format ends: at a "%" or the terminator. One load per byte. */
+struct TextEnds {
+    bool at[256];
+};
+
+constexpr TextEnds DeriveTextEnds() {
+    TextEnds ends{};
+    ends.at[0] = true;
+    ends.at[static_cast<unsigned char>('%')] = true;
+    return ends;
+}
+
+constexpr TextEnds formatEndsText = DeriveTextEnds();
 
 /* ---- Limits ------------------------------------------------------------------------- */
 
@@ -109,8 +210,9 @@ constexpr int LONG_DOUBLE_MAX_PRECISION = INT_MAX - LONG_DOUBLE_EXTRA_ROOM;
 constexpr int FLOAT_LOCAL_BUFFER_SIZE = 512;
 /* Floating specifications (with terminator) up to this size are copied to the stack. */
 constexpr int FLOAT_LOCAL_CONVERSION_SIZE = 16;
-/* Pieces longer than this go by block copy; shorter ones byte by byte. */
-constexpr int BYTEWISE_COPY_MAX = 11;
+/* Pieces up to twice this long are stored by two overlapping copies of a fixed size, which
+ * take no loop and no call; longer ones by the C library's block copy. */
+constexpr int SHORT_PIECE_MAX = 16;
 
 /* ---- Constant texts ----------------------------------------------------------------- */
 
@@ -120,22 +222,6 @@ constexpr int PREFIX_LETTER_INDEX = 16;
 const char STR_NULL_STRING[] = "(null)";
 const wchar_t WSTR_NULL_STRING[] = L"(null)";
 const char NULL_POINTER_TEXT[] = "(nil)";
-
-/* "00" to "99": decimal digits two at a time, so the loop divides by 100 half as often. */
-struct DigitPairs {
-    char text[200];
-};
-
-constexpr DigitPairs DeriveDigitPairs() {
-    DigitPairs pairs{};
-    for (int i = 0; i < 100; ++i) {
-        pairs.text[2 * i] = static_cast<char>('0' + i / 10);
-        pairs.text[2 * i + 1] = static_cast<char>('0' + i % 10);
-    }
-    return pairs;
-}
-
-constexpr DigitPairs decimalPairs = DeriveDigitPairs();
 
 /* ---- Conversion flags --------------------------------------------------------------- */
 
@@ -157,8 +243,7 @@ enum : unsigned {
     FLAG_I64 = 1u << 14,        /* I, I64 */
     FLAG_SIGNED = 1u << 15,
     FLAG_NEGATIVE = 1u << 16,
-    FLAG_FORCE_OCTAL = 1u << 17,
-    FLAG_POINTER = 1u << 18,
+    FLAG_POINTER = 1u << 17,
 };
 
 constexpr unsigned FLAGS_64BIT = FLAG_I64 | FLAG_LONG | FLAG_LONGLONG;
@@ -166,71 +251,89 @@ constexpr unsigned FLAGS_WORD_SIZED = FLAG_INTMAX | FLAG_SIZE | FLAG_PTRDIFF;
 
 /* ---- Output ------------------------------------------------------------------------- */
 
+/* The first write that finds no room fills the buffer to its last byte and leaves count at
+ * -1, where it stays: every later write does nothing. */
 struct OutputBuffer {
-    int count; /* bytes still free; below zero once a write has been refused */
+    int count; /* bytes still free; -1 once a write has been refused */
     char* cur; /* where the next byte goes */
 };
 
-/* Guarded writes: one byte at a time while a byte is free. The first byte that finds no
- * room sets the running number to -1 and ends that write. */
-inline void write_char_a(char ch, OutputBuffer* f, int* pnumwritten) {
-    if (f->count-- > 0) {
-        *f->cur++ = ch;
-        ++*pnumwritten;
-    } else {
-        *pnumwritten = -1;
-    }
+inline bool Failed(const OutputBuffer& out) {
+    return out.count < 0;
 }
 
-inline void write_multi_char_a(char ch, int num, OutputBuffer* f, int* pnumwritten) {
-    for (; num > 0; --num) {
-        write_char_a(ch, f, pnumwritten);
-        if (*pnumwritten == -1) {
-            break;
-        }
-    }
-}
-
-inline void write_string_a(const char* string, int len, OutputBuffer* f, int* pnumwritten) {
-    for (; len > 0; --len) {
-        write_char_a(*string++, f, pnumwritten);
-        if (*pnumwritten == -1) {
-            break;
-        }
-    }
-}
-
-/* Away from the buffer's end a piece is stored directly; the guarded writes run only for
- * a piece that reaches the last free byte or beyond. */
-inline void WritePadding(char ch, int num, OutputBuffer* f, int* pnumwritten) {
-    if (num <= 0) {
+/* Stores a piece of len bytes through store(to, n), or as much of it as fits. */
+template <typename StoreBytes> ALWAYS_INLINE void WritePiece(int len, OutputBuffer& out, StoreBytes store) {
+    if (len <= 0) {
         return;
     }
-    if (num < f->count) {
-        memset(f->cur, ch, static_cast<size_t>(num));
-        f->cur += num;
-        f->count -= num;
-        *pnumwritten += num;
-    } else {
-        write_multi_char_a(ch, num, f, pnumwritten);
+    if (len <= out.count) {
+        store(out.cur, len);
+        out.cur += len;
+        out.count -= len;
+        return;
+    }
+    if (!Failed(out)) {
+        store(out.cur, out.count);
+        out.cur += out.count;
+        out.count = -1;
     }
 }
 
-inline void WriteText(const char* text, int len, OutputBuffer* f, int* pnumwritten) {
-    if (len < f->count) {
-        if (len > BYTEWISE_COPY_MAX) {
-            memcpy(f->cur, text, static_cast<size_t>(len));
+/* The writer of a conversion's text and prefix. */
+ALWAYS_INLINE void write_string_a(const char* text, int len, OutputBuffer& out) {
+    WritePiece(len, out, [text](char* to, int n) {
+        const size_t size = static_cast<size_t>(n);
+        if (n > 2 * SHORT_PIECE_MAX) {
+            memcpy(to, text, size);
+        } else if (n >= SHORT_PIECE_MAX) {
+            memcpy(to, text, SHORT_PIECE_MAX);
+            memcpy(to + size - SHORT_PIECE_MAX, text + size - SHORT_PIECE_MAX, SHORT_PIECE_MAX);
+        } else if (n >= 8) {
+            memcpy(to, text, 8);
+            memcpy(to + size - 8, text + size - 8, 8);
+        } else if (n >= 4) {
+            memcpy(to, text, 4);
+            memcpy(to + size - 4, text + size - 4, 4);
         } else {
-            for (int i = 0; i < len; ++i) {
-                f->cur[i] = text[i];
+            for (size_t i = 0; i < size; ++i) {
+                to[i] = text[i];
             }
         }
-        f->cur += len;
-        f->count -= len;
-        *pnumwritten += len;
-    } else {
-        write_string_a(text, len, f, pnumwritten);
+    });
+}
+
+/* The writer of padding: num copies of ch. */
+ALWAYS_INLINE void write_multi_char_a(char ch, int num, OutputBuffer& out) {
+    WritePiece(num, out, [ch](char* to, int n) { memset(to, ch, static_cast<size_t>(n)); });
+}
+
+/* The writer of the format's own text: the first `literal` characters at text whatever
+ * they are (the "%" of "%%", an I that starts no modifier), then the plain text up to the
+ * next specification. Answers where the text stopped. */
+ALWAYS_INLINE const char* WriteLiteralText(const char* text, int literal, OutputBuffer& out) {
+    if ((literal == 0 && formatEndsText.at[static_cast<unsigned char>(*text)]) || Failed(out)) {
+        return text; /* no text: a specification follows at once */
     }
+    /* The format's runs of text are mostly short: copied as they are scanned, while the
+     * buffer has room; what is left of a long one is measured by the C library and
+     * written as one piece. */
+    char* to = out.cur;
+    char* const limit = out.cur + (out.count < SHORT_PIECE_MAX ? out.count : SHORT_PIECE_MAX);
+    for (; literal > 0 && to < limit; --literal) {
+        *to++ = *text++;
+    }
+    while (to < limit && !formatEndsText.at[static_cast<unsigned char>(*text)]) {
+        *to++ = *text++;
+    }
+    out.count -= static_cast<int>(to - out.cur);
+    out.cur = to;
+    if (literal > 0 || !formatEndsText.at[static_cast<unsigned char>(*text)]) {
+        const size_t rest = static_cast<size_t>(literal) + strcspn(text + literal, "%");
+        write_string_a(text, rest < INT_MAX ? static_cast<int>(rest) : INT_MAX, out);
+        text += rest;
+    }
+    return text;
 }
 
 /* ---- One conversion ----------------------------------------------------------------- */
@@ -253,6 +356,26 @@ struct Conversion {
     bool noOutput; /* the conversion prints nothing, not even padding */
 };
 
+/* The "*" values as read, which the platform formatter is handed again. */
+struct StarArguments {
+    bool widthFromArgs;
+    bool precisionFromArgs;
+    int width;
+    int precision;
+};
+
+/* Every "%" starts from no flags, no width and no precision. */
+inline void BeginConversion(Conversion& conv, StarArguments& stars) {
+    conv.flags = 0;
+    conv.width = 0;
+    conv.precision = -1;
+    conv.prefixLen = 0;
+    conv.isWide = false;
+    conv.noOutput = false;
+    stars.widthFromArgs = false;
+    stars.precisionFromArgs = false;
+}
+
 /* Bytes that at most maxChars characters of a wide text convert to, or -1 when a
  * character does not convert in the current locale. */
 int WideTextBytes(const wchar_t* text, int maxChars) {
@@ -271,52 +394,67 @@ int WideTextBytes(const wchar_t* text, int maxChars) {
     return static_cast<int>(total);
 }
 
-void WriteWideText(const wchar_t* text, int bytes, OutputBuffer* f, int* pnumwritten) {
+void WriteWideText(const wchar_t* text, int bytes, OutputBuffer& out) {
     char mb[MB_LEN_MAX];
-    for (int done = 0; done < bytes && *pnumwritten != -1; ++text) {
-        int n = wctomb(mb, *text);
-        WriteText(mb, n, f, pnumwritten);
+    for (int done = 0; done < bytes && !Failed(out); ++text) {
+        const int n = wctomb(mb, *text); /* never more than MB_LEN_MAX: said for the compiler */
+        write_string_a(mb, n < MB_LEN_MAX ? n : MB_LEN_MAX, out);
         done += n;
     }
 }
 
 /* Padding, prefix, text and padding, in the order the flags ask for. */
-void WriteConversion(const Conversion& conv, OutputBuffer* f, int* pnumwritten) {
+ALWAYS_INLINE void WriteConversion(const Conversion& conv, OutputBuffer& out) {
     long long padding = static_cast<long long>(conv.width) - conv.textLen - conv.prefixLen;
     int pad = padding > 0 ? static_cast<int>(padding) : 0;
     unsigned justify = conv.flags & (FLAG_LEFT | FLAG_LEADZERO);
     if (justify == 0) {
-        WritePadding(' ', pad, f, pnumwritten);
+        write_multi_char_a(' ', pad, out);
     }
-    WriteText(conv.prefix, conv.prefixLen, f, pnumwritten);
+    write_string_a(conv.prefix, conv.prefixLen, out);
     if (justify == FLAG_LEADZERO) {
-        WritePadding('0', pad, f, pnumwritten);
+        write_multi_char_a('0', pad, out);
     }
     if (conv.isWide) {
-        WriteWideText(conv.wideText, conv.textLen, f, pnumwritten);
+        WriteWideText(conv.wideText, conv.textLen, out);
     } else {
-        WriteText(conv.text, conv.textLen, f, pnumwritten);
+        write_string_a(conv.text, conv.textLen, out);
     }
-    if ((conv.flags & FLAG_LEFT) && *pnumwritten != -1) {
-        WritePadding(' ', pad, f, pnumwritten);
+    if (conv.flags & FLAG_LEFT) {
+        write_multi_char_a(' ', pad, out);
     }
 }
 
-/* Digits of value in the radix, right-aligned so they end at end; none for 0. */
-char* FormatDecimal(uint64_t value, char* end) {
+/* "00" to "99", so that the decimal digit writer divides once for every two digits. */
+struct DigitPairs {
+    char text[200];
+};
+
+constexpr DigitPairs DeriveDigitPairs() {
+    DigitPairs pairs{};
+    for (int i = 0; i < 100; ++i) {
+        pairs.text[2 * i] = static_cast<char>('0' + i / 10);
+        pairs.text[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}
+
+constexpr DigitPairs decimalPairs = DeriveDigitPairs();
+
+/* The one decimal digit writer: the digits of value, right-aligned so they end at end;
+ * none for 0. Values that fit 32 bits are divided in 32 bits, which is much cheaper. */
+ALWAYS_INLINE char* FormatDecimal(uint64_t value, char* end) {
     while (value > UINT32_MAX) {
-        uint64_t rest = value / 100;
-        unsigned pair = static_cast<unsigned>(value - rest * 100);
+        const uint64_t rest = value / 100;
         end -= 2;
-        memcpy(end, decimalPairs.text + 2 * pair, 2);
+        memcpy(end, decimalPairs.text + 2 * (value - rest * 100), 2);
         value = rest;
     }
     uint32_t small = static_cast<uint32_t>(value);
     while (small >= 100) {
-        uint32_t rest = small / 100;
-        unsigned pair = small - rest * 100;
+        const uint32_t rest = small / 100;
         end -= 2;
-        memcpy(end, decimalPairs.text + 2 * pair, 2);
+        memcpy(end, decimalPairs.text + 2 * (small - rest * 100), 2);
         small = rest;
     }
     if (small >= 10) {
@@ -328,22 +466,53 @@ char* FormatDecimal(uint64_t value, char* end) {
     return end;
 }
 
-char* FormatHex(uint64_t value, const char* digits, char* end) {
-    for (; value != 0; value >>= 4) {
-        *--end = digits[value & 15];
+/* Digits of value in radix 8 (3 bits a digit) or 16 (4 bits), ending at end; none for 0. */
+char* FormatBinaryRadix(uint64_t value, int bitsPerDigit, const char* digits, char* end) {
+    const uint64_t mask = (uint64_t{1} << bitsPerDigit) - 1;
+    for (; value != 0; value >>= bitsPerDigit) {
+        *--end = digits[value & mask];
     }
     return end;
 }
 
-char* FormatOctal(uint64_t value, char* end) {
-    for (; value != 0; value >>= 3) {
-        *--end = static_cast<char>('0' + (value & 7));
+/* Fetches the integer argument of d i u o x X p at its width: 64-bit with I, l, ll, L or q,
+ * else char with hh, short with h, 64-bit with j, z or t, int otherwise. Signed conversions
+ * answer the magnitude and set FLAG_NEGATIVE; a narrow magnitude is taken to 32 bits. */
+ALWAYS_INLINE uint64_t FetchInteger(unsigned& flags, ArgumentList& argList) {
+    const bool is64 = (flags & FLAGS_64BIT) != 0 ||
+                      ((flags & FLAGS_WORD_SIZED) != 0 && (flags & (FLAG_CHAR | FLAG_SHORT)) == 0);
+    if (!(flags & FLAG_SIGNED)) {
+        if (is64) {
+            return va_arg(argList.ap, uint64_t);
+        }
+        unsigned value = va_arg(argList.ap, unsigned);
+        return (flags & FLAG_CHAR)    ? static_cast<unsigned char>(value)
+               : (flags & FLAG_SHORT) ? static_cast<unsigned short>(value)
+                                      : value;
     }
-    return end;
+    int64_t value;
+    if (is64) {
+        value = va_arg(argList.ap, int64_t);
+    } else {
+        int narrow = va_arg(argList.ap, int);
+        value = (flags & FLAG_CHAR)    ? static_cast<signed char>(narrow)
+                : (flags & FLAG_SHORT) ? static_cast<short>(narrow)
+                                       : narrow;
+    }
+    uint64_t magnitude = static_cast<uint64_t>(value);
+    if (value < 0) {
+        flags |= FLAG_NEGATIVE;
+        magnitude = 0 - magnitude;
+        if (!is64) {
+            magnitude = static_cast<uint32_t>(magnitude);
+        }
+    }
+    return magnitude;
 }
 
 /* Fetches the integer argument of d i u o x X p and makes its text in buffer. */
-void ConvertInteger(Conversion& conv, char type, ArgumentList& argList, char (&buffer)[INTEGER_TEXT_SIZE]) {
+ALWAYS_INLINE void ConvertInteger(Conversion& conv, char type, ArgumentList& argList,
+                                  char (&buffer)[INTEGER_TEXT_SIZE]) {
     unsigned& flags = conv.flags;
     if (type == 'p') {
         conv.precision = 0;
@@ -351,42 +520,7 @@ void ConvertInteger(Conversion& conv, char type, ArgumentList& argList, char (&b
     } else if (type == 'd' || type == 'i') {
         flags |= FLAG_SIGNED;
     }
-
-    uint64_t value;
-    bool is64 = (flags & FLAGS_64BIT) != 0;
-    if (flags & FLAG_SIGNED) {
-        int64_t signedValue;
-        if (is64) {
-            signedValue = va_arg(argList.ap, int64_t);
-        } else if (flags & FLAG_CHAR) {
-            signedValue = static_cast<signed char>(va_arg(argList.ap, int));
-        } else if (flags & FLAG_SHORT) {
-            signedValue = static_cast<short>(va_arg(argList.ap, int));
-        } else if (flags & FLAGS_WORD_SIZED) {
-            signedValue = va_arg(argList.ap, int64_t);
-            is64 = true;
-        } else {
-            signedValue = va_arg(argList.ap, int);
-        }
-        value = static_cast<uint64_t>(signedValue);
-        if (signedValue < 0) {
-            flags |= FLAG_NEGATIVE;
-            value = 0 - value;
-            if (!is64) {
-                value = static_cast<uint32_t>(value);
-            }
-        }
-    } else if (is64) {
-        value = va_arg(argList.ap, uint64_t);
-    } else if (flags & FLAG_CHAR) {
-        value = static_cast<unsigned char>(va_arg(argList.ap, unsigned));
-    } else if (flags & FLAG_SHORT) {
-        value = static_cast<unsigned short>(va_arg(argList.ap, unsigned));
-    } else if (flags & FLAGS_WORD_SIZED) {
-        value = va_arg(argList.ap, uint64_t);
-    } else {
-        value = va_arg(argList.ap, unsigned);
-    }
+    const uint64_t value = FetchInteger(flags, argList);
 
     if (conv.precision < 0) {
         conv.precision = 1;
@@ -400,45 +534,35 @@ void ConvertInteger(Conversion& conv, char type, ArgumentList& argList, char (&b
     }
 
     char* end = buffer + INTEGER_TEXT_SIZE;
-    char* text;
-    const char* letters = _itoa_lower_digits;
-    switch (type) {
-    case 'o':
-        text = FormatOctal(value, end);
-        if (flags & FLAG_ALTERNATE) {
-            flags |= FLAG_FORCE_OCTAL;
-        }
-        break;
-    case 'x':
-    case 'p':
-        text = FormatHex(value, letters, end);
-        break;
-    case 'X':
-        letters = _itoa_upper_digits;
-        text = FormatHex(value, letters, end);
-        break;
-    default:
-        text = FormatDecimal(value, end);
-        break;
-    }
+    const char* letters = type == 'X' ? _itoa_upper_digits : _itoa_lower_digits;
+    char* text = type == 'o'                                 ? FormatBinaryRadix(value, 3, letters, end)
+                 : type == 'x' || type == 'X' || type == 'p' ? FormatBinaryRadix(value, 4, letters, end)
+                                                             : FormatDecimal(value, end);
     while (end - text < conv.precision) {
         *--text = '0';
     }
-    if ((flags & FLAG_FORCE_OCTAL) && (text == end || *text != '0')) {
-        *--text = '0';
-    }
-
-    if ((type == 'x' || type == 'X' || type == 'p') && (flags & FLAG_ALTERNATE) && value != 0) {
-        conv.prefix[0] = '0';
-        conv.prefix[1] = letters[PREFIX_LETTER_INDEX];
-        conv.prefixLen = 2;
-    }
-    if ((flags & FLAG_POINTER) && text == end) {
-        text = const_cast<char*>(NULL_POINTER_TEXT);
-        end = text + sizeof(NULL_POINTER_TEXT) - 1;
-        flags &= ~FLAG_LEADZERO;
-    }
-    if (flags & FLAG_SIGNED) {
+    switch (type) {
+    case 'o':
+        if ((flags & FLAG_ALTERNATE) && (text == end || *text != '0')) {
+            *--text = '0';
+        }
+        break;
+    case 'x':
+    case 'X':
+    case 'p':
+        if ((flags & FLAG_ALTERNATE) && value != 0) {
+            conv.prefix[0] = '0';
+            conv.prefix[1] = letters[PREFIX_LETTER_INDEX];
+            conv.prefixLen = 2;
+        }
+        if ((flags & FLAG_POINTER) && text == end) {
+            text = const_cast<char*>(NULL_POINTER_TEXT);
+            end = text + sizeof(NULL_POINTER_TEXT) - 1;
+            flags &= ~FLAG_LEADZERO;
+        }
+        break;
+    case 'd':
+    case 'i':
         if (flags & FLAG_NEGATIVE) {
             conv.prefix[0] = '-';
             conv.prefixLen = 1;
@@ -449,13 +573,16 @@ void ConvertInteger(Conversion& conv, char type, ArgumentList& argList, char (&b
             conv.prefix[0] = ' ';
             conv.prefixLen = 1;
         }
+        break;
+    default: /* u */
+        break;
     }
     conv.text = text;
     conv.textLen = static_cast<int>(end - text);
 }
 
 /* Length of at most maxChars characters of text (all of it when maxChars is negative). */
-int NarrowTextLength(const char* text, int maxChars) {
+ALWAYS_INLINE int NarrowTextLength(const char* text, int maxChars) {
     // A whole text is measured by strlen: a bound of INT_MAX bytes from text could run
     // past the end of a 32-bit address space.
     size_t len = maxChars < 0 ? strlen(text) : bounded::LengthWithin(text, static_cast<size_t>(maxChars));
@@ -479,13 +606,6 @@ bool PlatformWantsLongDouble(const char* conversionText, size_t len) {
     return len >= 4 && conversionText[len - 2] == 'l' && conversionText[len - 3] == 'l' &&
            conversionText[len - 4] != 'l';
 }
-
-struct StarArguments {
-    bool widthFromArgs;
-    bool precisionFromArgs;
-    int width;     /* as read */
-    int precision; /* as read */
-};
 
 /* Formats one floating conversion through the platform formatter. On success conv.text
  * holds the text in localBuffer or in *heapBuffer (to be freed by the caller). */
@@ -522,7 +642,7 @@ void ConvertFloat(Conversion& conv, char type, const char* conversionText, size_
     if (size >= FLOAT_LOCAL_BUFFER_SIZE) {
         bufferSize = static_cast<size_t>(size) + 2;
         buffer = static_cast<char*>(malloc(bufferSize));
-        if (buffer == NULL) {
+        if (buffer == nullptr) {
             return;
         }
         *heapBuffer = buffer;
@@ -532,7 +652,7 @@ void ConvertFloat(Conversion& conv, char type, const char* conversionText, size_
     char* conversionCopy = localConversion;
     if (conversionLen + 1 > sizeof(localConversion)) {
         conversionCopy = static_cast<char*>(malloc(conversionLen + 1));
-        if (conversionCopy == NULL) {
+        if (conversionCopy == nullptr) {
             return;
         }
     }
@@ -575,7 +695,8 @@ void ConvertFloat(Conversion& conv, char type, const char* conversionText, size_
 }
 
 /* Fetches the argument of s S c C and points the conversion at its text. */
-bool ConvertTextual(Conversion& conv, char type, ArgumentList& argList, char (&charBuffer)[MB_LEN_MAX]) {
+ALWAYS_INLINE bool ConvertTextual(Conversion& conv, char type, ArgumentList& argList,
+                                  char (&charBuffer)[MB_LEN_MAX]) {
     unsigned flags = conv.flags;
     bool wide;
     if (type == 's' || type == 'c') {
@@ -588,7 +709,7 @@ bool ConvertTextual(Conversion& conv, char type, ArgumentList& argList, char (&c
     if (type == 's' || type == 'S') {
         if (wide) {
             const wchar_t* text = va_arg(argList.ap, const wchar_t*);
-            if (text == NULL) {
+            if (text == nullptr) {
                 text = WSTR_NULL_STRING;
             }
             int bytes = WideTextBytes(text, conv.precision);
@@ -600,7 +721,7 @@ bool ConvertTextual(Conversion& conv, char type, ArgumentList& argList, char (&c
             conv.textLen = bytes;
         } else {
             const char* text = va_arg(argList.ap, const char*);
-            if (text == NULL) {
+            if (text == nullptr) {
                 text = STR_NULL_STRING;
             }
             conv.text = text;
@@ -667,7 +788,7 @@ bool RecordSizeModifier(char ch, const char*& format, unsigned& flags) {
         } else if (format[0] == '3' && format[1] == '2') {
             format += 2;
             flags &= ~FLAG_I64;
-        } else if (format[0] != '\0' && strchr("dioxXu", format[0]) != NULL) {
+        } else if (format[0] != '\0' && strchr("dioxXu", format[0]) != nullptr) {
             flags |= FLAG_I64;
         } else {
             return false;
@@ -697,19 +818,10 @@ enum ParseOutcome {
 };
 
 /* Reads one conversion specification, format pointing behind its "%", through the state
- * table, taking the "*" arguments as they come. On LITERAL, *literal is the character to
- * write. format ends behind the last character read. */
+ * table, taking the "*" arguments as they come. format ends behind the last character
+ * read, which on LITERAL is the character to write. */
 inline ParseOutcome ParseSpecification(const char*& format, Conversion& conv, StarArguments& stars,
-                                       ArgumentList& argList, char* literal) {
-    conv.flags = 0;
-    conv.width = 0;
-    conv.precision = -1;
-    conv.prefixLen = 0;
-    conv.isWide = false;
-    conv.noOutput = false;
-    stars.widthFromArgs = false;
-    stars.precisionFromArgs = false;
-
+                                       ArgumentList& argList) {
     int state = STAT_PERCENT;
     for (;;) {
         /* A terminator is of class OTHER: inside a specification it leads to INVALID. */
@@ -721,7 +833,6 @@ inline ParseOutcome ParseSpecification(const char*& format, Conversion& conv, St
             return PARSED;
 
         case STAT_NORMAL: /* "%%" */
-            *literal = static_cast<char>(ch);
             return LITERAL;
 
         case STAT_FLAG:
@@ -783,7 +894,6 @@ inline ParseOutcome ParseSpecification(const char*& format, Conversion& conv, St
 
         case STAT_SIZE:
             if (!RecordSizeModifier(static_cast<char>(ch), format, conv.flags)) {
-                *literal = 'I';
                 return LITERAL;
             }
             break;
@@ -794,131 +904,48 @@ inline ParseOutcome ParseSpecification(const char*& format, Conversion& conv, St
     }
 }
 
-/* Texts up to this length are copied byte by byte as they are scanned. */
-constexpr int SHORT_TEXT = 16;
-/* Characters of the longest int, "-2147483648". */
-constexpr int MAX_INT_TEXT = 11;
+/* Where one conversion's text is made. */
+struct ConversionText {
+    char integer[INTEGER_TEXT_SIZE];
+    char character[MB_LEN_MAX];
+    char floating[FLOAT_LOCAL_BUFFER_SIZE];
+};
 
-inline int DecimalDigitCount(uint32_t value) {
-    int n = 1;
-    for (;;) {
-        if (value < 10) {
-            return n;
-        }
-        if (value < 100) {
-            return n + 1;
-        }
-        if (value < 1000) {
-            return n + 2;
-        }
-        if (value < 10000) {
-            return n + 3;
-        }
-        value /= 10000;
-        n += 4;
-    }
-}
-
-/* All digits of value, at least one, ending at end. */
-inline void WriteDecimalDigits(uint32_t value, char* end) {
-    while (value >= 100) {
-        uint32_t rest = value / 100;
-        unsigned pair = value - rest * 100;
-        end -= 2;
-        memcpy(end, decimalPairs.text + 2 * pair, 2);
-        value = rest;
-    }
-    if (value >= 10) {
-        memcpy(end - 2, decimalPairs.text + 2 * value, 2);
-    } else {
-        end[-1] = static_cast<char>('0' + value);
-    }
-}
-
-/* Writes the conversion of a specification that is only its conversion character, for
- * d i u x X s c; returns false, taking nothing, for the others. */
-inline bool WriteBareConversion(char type, ArgumentList& argList, OutputBuffer* f, int* pnumwritten) {
-    char digits[24];
-    char* end = digits + sizeof digits;
-    char* text;
+/* Fetches the argument of a parsed conversion (its specification is the length bytes from
+ * start, type its conversion character), makes its text and writes it. Returns false for a
+ * wide text that does not convert, which fails the call. */
+ALWAYS_INLINE bool ConvertAndWrite(Conversion& conv, char type, const char* start, size_t length,
+                                   const StarArguments& stars, ArgumentList& argList, ConversionText& scratch,
+                                   OutputBuffer& out) {
+    char* heapText = nullptr;
     switch (type) {
     case 'd':
-    case 'i': {
-        int value = va_arg(argList.ap, int);
-        uint32_t magnitude = value < 0 ? 0u - static_cast<uint32_t>(value) : static_cast<uint32_t>(value);
-        if (f->count > MAX_INT_TEXT) {
-            /* Room for any int: the digits go straight into place. */
-            char* cur = f->cur;
-            if (value < 0) {
-                *cur++ = '-';
-            }
-            cur += DecimalDigitCount(magnitude);
-            WriteDecimalDigits(magnitude, cur);
-            int len = static_cast<int>(cur - f->cur);
-            f->cur = cur;
-            f->count -= len;
-            *pnumwritten += len;
-            return true;
-        }
-        text = value == 0 ? end - 1 : FormatDecimal(magnitude, end);
-        if (value == 0) {
-            *text = '0';
-        }
-        if (value < 0) {
-            *--text = '-';
-        }
-        break;
-    }
-    case 'u': {
-        unsigned value = va_arg(argList.ap, unsigned);
-        text = value == 0 ? end - 1 : FormatDecimal(value, end);
-        if (value == 0) {
-            *text = '0';
-        }
-        break;
-    }
+    case 'i':
+    case 'u':
+    case 'o':
     case 'x':
-    case 'X': {
-        unsigned value = va_arg(argList.ap, unsigned);
-        text = value == 0 ? end - 1
-                          : FormatHex(value, type == 'x' ? _itoa_lower_digits : _itoa_upper_digits, end);
-        if (value == 0) {
-            *text = '0';
+    case 'X':
+    case 'p':
+        ConvertInteger(conv, type, argList, scratch.integer);
+        break;
+    case 's':
+    case 'S':
+    case 'c':
+    case 'C':
+        if (!ConvertTextual(conv, type, argList, scratch.character)) {
+            return false;
         }
         break;
+    default: /* e E f F g G */
+        ConvertFloat(conv, type, start, length, stars, argList, scratch.floating, &heapText);
+        break;
     }
-    case 's': {
-        const char* string = va_arg(argList.ap, const char*);
-        if (string == NULL) {
-            string = STR_NULL_STRING;
-        }
-        if (f->count > SHORT_TEXT) {
-            /* Short texts are copied while they are scanned; a longer one goes on by
-             * length and block copy. */
-            int i = 0;
-            while (i < SHORT_TEXT && string[i] != '\0') {
-                f->cur[i] = string[i];
-                ++i;
-            }
-            f->cur += i;
-            f->count -= i;
-            *pnumwritten += i;
-            if (string[i] == '\0') {
-                return true;
-            }
-            string += i;
-        }
-        size_t len = strlen(string);
-        WriteText(string, len < INT_MAX ? static_cast<int>(len) : INT_MAX, f, pnumwritten);
-        return true;
+    if (!conv.noOutput) {
+        WriteConversion(conv, out);
     }
-    case 'c':
-        write_char_a(static_cast<char>(va_arg(argList.ap, int)), f, pnumwritten);
-        return true;
-    default:
-        return false;
+    if (heapText != nullptr) {
+        free(heapText);
     }
-    WriteText(text, static_cast<int>(end - text), f, pnumwritten);
     return true;
 }
 
@@ -935,68 +962,49 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
     }
     ArgumentList argList;
     va_copy(argList.ap, callerArgs);
-    OutputBuffer out = *stream;
-    int written = 0;
-    int result = -1;
-    Conversion conv{};
+    /* Field by field: one wide copy of what the caller has just stored one field at a time
+     * would wait for those stores to drain. */
+    OutputBuffer out;
+    out.count = stream->count;
+    out.cur = stream->cur;
+    char* const start = out.cur;
+    bool failed = false; /* the format was rejected or a wide text did not convert */
+    Conversion conv;     /* each field is set before it is read */
     StarArguments stars{};
-    char integerText[INTEGER_TEXT_SIZE];
-    char charText[MB_LEN_MAX];
-    char floatText[FLOAT_LOCAL_BUFFER_SIZE];
+    ConversionText scratch;
 
-    for (;;) {
-        /* Plain text up to the next specification: its first bytes are copied as they
-         * are scanned, while a byte stays free behind them; a longer run is measured and
-         * written as one piece. */
-        if (*format != '\0' && *format != '%') {
-            const int room = out.count - 1;
-            int i = 0;
-            while (i < SHORT_TEXT && i < room && format[i] != '\0' && format[i] != '%') {
-                out.cur[i] = format[i];
-                ++i;
-            }
-            out.cur += i;
-            out.count -= i;
-            written += i;
-            format += i;
-            if (*format != '\0' && *format != '%') {
-                const char* end = bounded::FindOrEnd(format, '%');
-                WriteText(format, static_cast<int>(end - format), &out, &written);
-                format = end;
-                if (written == -1) {
-                    break;
-                }
-            }
-        }
-        if (*format == '\0') {
-            result = written;
+    while (!Failed(out)) {
+        format = WriteLiteralText(format, 0, out);
+        if (*format == '\0' || Failed(out)) {
             break;
         }
 
         const char* conversionStart = format++;
-        /* A conversion character straight after the "%" is the common case: no flags,
-         * width, precision or size. Its text is made and written without the general
-         * machinery; the result is the same. */
-        const unsigned char bare = static_cast<unsigned char>(*format);
-        if (formatTransitions.next[STAT_PERCENT][formatClasses.of[bare]] == STAT_TYPE &&
-            WriteBareConversion(static_cast<char>(bare), argList, &out, &written)) {
+        BeginConversion(conv, stars);
+        const char bare = *format;
+        if (formatClasses.of[static_cast<unsigned char>(bare)] == CLASS_TYPE) {
+            /* A bare conversion character: nothing for the parser to collect. d and s make
+             * most of every log line, so each gets its own copy of the converter with the
+             * empty specification folded in. */
             ++format;
-            if (written == -1) {
+            if (bare == 'd') {
+                ConvertAndWrite(conv, 'd', conversionStart, 2, stars, argList, scratch, out);
+                continue;
+            }
+            if (bare == 's') {
+                ConvertAndWrite(conv, 's', conversionStart, 2, stars, argList, scratch, out);
+                continue;
+            }
+        } else {
+            ParseOutcome parsed = ParseSpecification(format, conv, stars, argList);
+            if (parsed == REJECTED) {
+                failed = true;
                 break;
             }
-            continue;
-        }
-        char literal;
-        ParseOutcome parsed = ParseSpecification(format, conv, stars, argList, &literal);
-        if (parsed == REJECTED) {
-            break;
-        }
-        if (parsed == LITERAL) {
-            write_char_a(literal, &out, &written);
-            if (written == -1) {
-                break;
+            if (parsed == LITERAL) {
+                format = WriteLiteralText(format - 1, 1, out);
+                continue;
             }
-            continue;
         }
 
         /* At this point the conversion from conversionStart to format is parsed:
@@ -1006,45 +1014,16 @@ static int format_output_s(OutputBuffer* stream, const char* format, va_list cal
          *   stars           the "*" values as read, for the platform formatter;
          * and format[-1] is the conversion character. Now fetch its argument, make its
          * text, then write it. */
-        const char type = format[-1];
-        char* heapText = NULL;
-        switch (type) {
-        case 'd':
-        case 'i':
-        case 'u':
-        case 'o':
-        case 'x':
-        case 'X':
-        case 'p':
-            ConvertInteger(conv, type, argList, integerText);
-            break;
-        case 's':
-        case 'S':
-        case 'c':
-        case 'C':
-            if (!ConvertTextual(conv, type, argList, charText)) {
-                written = -1; /* a wide text that does not convert fails the call */
-                conv.noOutput = true;
-            }
-            break;
-        default: /* e E f F g G */
-            ConvertFloat(conv, type, conversionStart, static_cast<size_t>(format - conversionStart), stars,
-                         argList, floatText, &heapText);
-            break;
-        }
-        if (!conv.noOutput) {
-            WriteConversion(conv, &out, &written);
-        }
-        if (heapText != NULL) {
-            free(heapText);
-        }
-        if (written == -1) {
+        if (!ConvertAndWrite(conv, format[-1], conversionStart, static_cast<size_t>(format - conversionStart),
+                             stars, argList, scratch, out)) {
+            failed = true;
             break;
         }
     }
     va_end(argList.ap);
-    *stream = out;
-    return result;
+    stream->count = out.count;
+    stream->cur = out.cur;
+    return failed || Failed(out) ? -1 : static_cast<int>(out.cur - start);
 }
 
 /* Runs the engine on a buffer of size bytes and terminates the text. Returns its length;
@@ -1059,16 +1038,16 @@ static int vsnprintf_helper(char* string, size_t size, const char* format, va_li
         *buffer.cur = '\0';
         return result;
     }
-    if (string != NULL) {
+    if (string != nullptr) {
         string[size - 1] = '\0';
     }
     return buffer.count <= 0 ? -2 : -1;
 }
 
 extern "C" int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* format, va_list argList) {
-    if (format == NULL || dest == NULL || destMax == 0 || destMax > BOUNDED_MAX_LEN ||
+    if (format == nullptr || dest == nullptr || destMax == 0 || destMax > BOUNDED_MAX_LEN ||
         (count >= BOUNDED_MAX_LEN && count != SIZE_MAX)) {
-        if (dest != NULL && destMax != 0) {
+        if (dest != nullptr && destMax != 0) {
             dest[0] = '\0';
         }
         return -1;

@@ -10,26 +10,33 @@
 #include <stdint.h>
 #include <string.h>
 
-namespace {
+using bounded::DestinationError;
+using bounded::Overlap;
 
-inline bool IsValidDestMax(size_t destMax) {
-    return destMax - 1 < BOUNDED_MAX_LEN;
-}
+namespace {
 
 inline uintptr_t Address(const void* p) {
     return reinterpret_cast<uintptr_t>(p);
 }
 
-/* The half-open ranges [a, a + size) and [b, b + size) share a byte. */
-inline bool Overlap(const void* a, const void* b, size_t size) {
-    uintptr_t x = Address(a);
-    uintptr_t y = Address(b);
-    return x < y ? y - x < size : x - y < size;
-}
-
 inline int ResetText(char* dest, int code) {
     dest[0] = '\0';
     return code;
+}
+
+/* The checks every text function makes once its common case has failed: the destination,
+ * then the source and the count, which reset the destination. BOUNDED_OK when all pass. */
+int TextArgumentsError(char* dest, size_t destMax, const char* src, size_t count) {
+    if (int code = DestinationError(dest, destMax); code != BOUNDED_OK) {
+        return code;
+    }
+    if (src == nullptr) {
+        return ResetText(dest, BOUNDED_EINVAL_RESET);
+    }
+    if (count > BOUNDED_MAX_LEN) {
+        return ResetText(dest, BOUNDED_ERANGE_RESET);
+    }
+    return BOUNDED_OK;
 }
 
 /* strncat_s past its argument checks, byte by byte: the form that sees a write reach the
@@ -60,7 +67,8 @@ int AppendWithOverlapWatch(char* dest, size_t destMax, size_t len, const char* s
 } // namespace
 
 extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t count) {
-    if (dest != NULL && src != NULL && IsValidDestMax(destMax) && count - 1 < BOUNDED_MAX_LEN) {
+    if (dest != nullptr && src != nullptr && bounded::IsValidDestMax(destMax) &&
+        count - 1 < BOUNDED_MAX_LEN) {
         /* Reads no further than count characters, nor than the one that would not fit. */
         size_t n = bounded::LengthWithin(src, count < destMax ? count : destMax);
         if (n < destMax && (dest == src || !Overlap(dest, src, n + 1))) {
@@ -72,34 +80,16 @@ extern "C" int strncpy_s(char* dest, size_t destMax, const char* src, size_t cou
         }
         return ResetText(dest, n >= destMax ? BOUNDED_ERANGE_RESET : BOUNDED_EOVERLAP_RESET);
     }
-    if (!IsValidDestMax(destMax)) {
-        return BOUNDED_ERANGE;
-    }
-    if (dest == NULL) {
-        return BOUNDED_EINVAL;
-    }
-    if (src == NULL) {
-        return ResetText(dest, BOUNDED_EINVAL_RESET);
-    }
-    if (count > BOUNDED_MAX_LEN) {
-        return ResetText(dest, BOUNDED_ERANGE_RESET);
+    if (int code = TextArgumentsError(dest, destMax, src, count); code != BOUNDED_OK) {
+        return code;
     }
     /* count is 0: the destination becomes the empty text. */
     return ResetText(dest, BOUNDED_OK);
 }
 
 extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t count) {
-    if (!IsValidDestMax(destMax)) {
-        return BOUNDED_ERANGE;
-    }
-    if (dest == NULL) {
-        return BOUNDED_EINVAL;
-    }
-    if (src == NULL) {
-        return ResetText(dest, BOUNDED_EINVAL_RESET);
-    }
-    if (count > BOUNDED_MAX_LEN) {
-        return ResetText(dest, BOUNDED_ERANGE_RESET);
+    if (int code = TextArgumentsError(dest, destMax, src, count); code != BOUNDED_OK) {
+        return code;
     }
     size_t len = dest[0] == '\0' ? 0 : bounded::LengthWithin(dest, destMax);
     if (Address(dest) < Address(src) && Address(src) < Address(dest) + len) {
@@ -140,14 +130,8 @@ extern "C" int strncat_s(char* dest, size_t destMax, const char* src, size_t cou
 }
 
 extern "C" int strcpy_s(char* dest, size_t destMax, const char* src) {
-    if (!IsValidDestMax(destMax)) {
-        return BOUNDED_ERANGE;
-    }
-    if (dest == NULL) {
-        return BOUNDED_EINVAL;
-    }
-    if (src == NULL) {
-        return ResetText(dest, BOUNDED_EINVAL_RESET);
+    if (int code = TextArgumentsError(dest, destMax, src, 0); code != BOUNDED_OK) {
+        return code;
     }
     size_t n = bounded::LengthWithin(src, destMax);
     if (n == destMax) {

@@ -94,9 +94,9 @@ void FuzzText(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     g_bundle = std::filesystem::temp_directory_path() / ("fuzz_resources-" + std::to_string(getpid()));
-    std::filesystem::create_directories(g_bundle / "Contents/MacOS");
+    std::filesystem::create_directories(g_bundle / "Contents/Linux");
     std::filesystem::create_directories(g_bundle / "Contents/Resources/en.lproj/main.nib");
-    PlatSetExecutablePath((g_bundle / "Contents/MacOS/Launcher").c_str());
+    PlatSetExecutablePath((g_bundle / "Contents/Linux/Launcher").c_str());
     PlatSetBackend("scripted");
     atexit([] {
         std::error_code error;

@@ -6,6 +6,8 @@
 #include "Common/INI.h"
 
 #include <errno.h>
+#include "CheckStatus.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,11 +17,6 @@
 #include <vector>
 
 namespace {
-
-constexpr int kClean = 0;
-constexpr int kWarnings = 1;
-constexpr int kUnreadable = 2;
-constexpr int kUsage = 3;
 
 constexpr const char* kConfigInPackage = "/Contents/Resources/SysConfig.dat";
 constexpr const char* kVersionKeys[] = {"VRVersion", "BuildVersion",     "DebugVersion",
@@ -116,6 +113,124 @@ void CheckApplicationPath(const std::string& path) {
     }
 }
 
+// ---- Why a section or key is not found: the reader's rules, applied to the raw lines ----
+
+// The file's lines as the launcher's reader splits them: at line feeds, carriage returns dropped.
+std::vector<std::string> SplitLines(const std::string& content) {
+    std::vector<std::string> lines(1);
+    for (char c : content) {
+        if (c == '\n') {
+            lines.emplace_back();
+        } else if (c != '\r') {
+            lines.back() += c;
+        }
+    }
+    return lines;
+}
+
+bool IsBlankOrTab(char c) {
+    return c == ' ' || c == '\t' || c == '\v' || c == '\f';
+}
+
+bool HoldsBrackets(const std::string& line) {
+    return line.find('[') != std::string::npos && line.find(']') != std::string::npos;
+}
+
+bool SameLetters(const std::string& a, const std::string& b) {
+    return a.size() == b.size() && strncasecmp(a.c_str(), b.c_str(), a.size()) == 0;
+}
+
+// The first line holding "[section]" as written, or -1.
+int SectionLine(const std::vector<std::string>& lines, const std::string& section) {
+    for (size_t i = 0; i < lines.size(); i++) {
+        if (lines[i].find("[" + section + "]") != std::string::npos) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+// Why no line holds "[section]": a header written with blanks or in another case, or none.
+std::string SectionCause(const std::vector<std::string>& lines, const std::string& section) {
+    for (const std::string& line : lines) {
+        size_t open = line.find('[');
+        size_t close = open == std::string::npos ? open : line.find(']', open);
+        if (close == std::string::npos) {
+            continue;
+        }
+        std::string inside = line.substr(open + 1, close - open - 1);
+        std::string squeezed;
+        for (char c : inside) {
+            if (!IsBlankOrTab(c)) {
+                squeezed += c;
+            }
+        }
+        if (!SameLetters(squeezed, section)) {
+            continue;
+        }
+        if (squeezed != inside) {
+            return "the header \"" + line.substr(open, close - open + 1) +
+                   "\" has a blank or tab inside the brackets; write [" + section + "]";
+        }
+        return "the header \"" + line.substr(open, close - open + 1) + "\" is in another case: write [" +
+               section + "], names are read in the case written";
+    }
+    return "no line holds [" + section + "]";
+}
+
+// Why the reader finds no line for the key in its section: a tab around it, another case,
+// or a line that ends the section before it. Empty when nothing like it is there.
+std::string KeyCause(const std::vector<std::string>& lines, int sectionLine, const std::string& key) {
+    size_t end = lines.size();
+    for (size_t i = static_cast<size_t>(sectionLine) + 1; i < lines.size(); i++) {
+        if (HoldsBrackets(lines[i])) {
+            end = i;
+            break;
+        }
+    }
+    for (size_t i = static_cast<size_t>(sectionLine) + 1; i < lines.size(); i++) {
+        const std::string& line = lines[i];
+        size_t at = 0;
+        while (at < line.size() && IsBlankOrTab(line[at])) {
+            at++;
+        }
+        size_t after = at + key.size();
+        if (line.size() < after || !SameLetters(line.substr(at, key.size()), key)) {
+            continue;
+        }
+        size_t equals = after;
+        while (equals < line.size() && IsBlankOrTab(line[equals])) {
+            equals++;
+        }
+        if (equals == line.size() || line[equals] != '=') {
+            continue;
+        }
+        const std::string written = line.substr(at, key.size());
+        if (i >= end) {
+            return "it stands after the line \"" + lines[end] +
+                   "\", which holds both [ and ] and so ends the section";
+        }
+        if (written != key) {
+            return "written \"" + written + "\": keys are read in the case written";
+        }
+        return "a tab before it or before its \"=\": only spaces are skipped there";
+    }
+    return std::string();
+}
+
+// Text the launcher's byte-wise reader cannot read: UTF-16 (it stops at the first zero byte).
+void CheckEncoding(const std::string& content) {
+    const bool utf16Mark = content.size() >= 2 && ((content[0] == '\xff' && content[1] == '\xfe') ||
+                                                   (content[0] == '\xfe' && content[1] == '\xff'));
+    if (utf16Mark || content.find('\0') != std::string::npos) {
+        Warn("the file is UTF-16 text (or holds zero bytes): the launcher reads bytes and finds no section "
+             "or key in it; save it as plain ASCII or UTF-8");
+    } else if (content.compare(0, 3, "\xef\xbb\xbf") == 0) {
+        Warn("the file begins with a UTF-8 byte-order mark: the launcher reads it as part of the first "
+             "line; save it without one");
+    }
+}
+
 std::string ReadWhole(FILE* file) {
     std::string content;
     char buffer[4096];
@@ -135,7 +250,8 @@ int main(int argc, char** argv) {
     }
     std::string path = argv[1];
     struct stat info;
-    if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    const bool namesFile = path.size() >= 4 && path.compare(path.size() - 4, 4, ".dat") == 0;
+    if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && !namesFile) {
         path += kConfigInPackage;
     }
     // Only a regular file is read: a pipe would block and a device would never end.
@@ -144,7 +260,8 @@ int main(int argc, char** argv) {
         return kUnreadable;
     }
     if (!S_ISREG(info.st_mode)) {
-        fprintf(stderr, "sysconfig-check: %s: not a regular file\n", path.c_str());
+        fprintf(stderr, "sysconfig-check: %s: %s\n", path.c_str(),
+                S_ISDIR(info.st_mode) ? "a folder, not a file" : "not a regular file");
         return kUnreadable;
     }
     FILE* file = fopen(path.c_str(), "rb");
@@ -158,7 +275,28 @@ int main(int argc, char** argv) {
     }
     std::string content = ReadWhole(file);
     fclose(file);
+    CheckEncoding(content);
     CheckLineEnds(content);
+    const std::vector<std::string> lines = SplitLines(content);
+    // A section the launcher does not find is named once; its keys then all read as missing.
+    bool hasSection[2] = {true, true};
+    const char* sections[2] = {kVersionSection, kPathSection};
+    for (int i = 0; i < 2; i++) {
+        if (SectionLine(lines, sections[i]) < 0) {
+            hasSection[i] = false;
+            Warn(std::string("section [") + sections[i] + "] not found (" + SectionCause(lines, sections[i]) +
+                 "): " +
+                 (i == 0
+                      ? "every version reads 0"
+                      : "no VALUE: the launcher never finds the installed copy and installs at every start"));
+        }
+    }
+    // The warning for a key the launcher does not find, with what is written in its place.
+    auto missing = [&lines](const char* section, const char* key, const std::string& consequence) {
+        std::string cause = KeyCause(lines, SectionLine(lines, section), key);
+        Warn(std::string(key) + " is missing from [" + section + "]" +
+             (cause.empty() ? "" : " (" + cause + ")") + ": " + consequence);
+    };
 
     int versions[6] = {};
     std::string report =
@@ -167,7 +305,9 @@ int main(int argc, char** argv) {
         std::string value, line;
         const char* key = kVersionKeys[i];
         if (!LookUp(kVersionSection, key, &value, &line)) {
-            Warn(std::string(key) + " is missing from [" + kVersionSection + "]: it reads as 0");
+            if (hasSection[0]) {
+                missing(kVersionSection, key, "it reads as 0");
+            }
         } else if (!IsPlainNumber(value)) {
             Warn(std::string(key) + "=\"" + value + "\" is not a whole number: it reads as " +
                  std::to_string(atoi(value.c_str())));
@@ -184,17 +324,17 @@ int main(int argc, char** argv) {
     if (LookUp(kPathSection, "VALUE", &appPath, &line)) {
         CheckBlanks("VALUE", appPath, line);
         CheckApplicationPath(appPath);
-    } else {
-        Warn(std::string("VALUE is missing from [") + kPathSection +
-             "]: the launcher never finds the installed copy and installs at every start");
+    } else if (hasSection[1]) {
+        missing(kPathSection, "VALUE",
+                "the launcher never finds the installed copy and installs at every start");
     }
     report += "  VALUE             \"" + appPath + "\"\n";
     bool progress = false;
     if (LookUp(kPathSection, "RUN_PROCESS_DLG", &showProgress, &line)) {
         CheckBlanks("RUN_PROCESS_DLG", showProgress, line);
         progress = strcasecmp(showProgress.c_str(), "yes") == 0;
-    } else {
-        Warn(std::string("RUN_PROCESS_DLG is missing from [") + kPathSection + "]: no progress window");
+    } else if (hasSection[1]) {
+        missing(kPathSection, "RUN_PROCESS_DLG", "no progress window");
     }
     report += "  RUN_PROCESS_DLG   \"" + showProgress + "\": " +
               (progress ? "progress window shown while the package is copied" : "no progress window") + "\n";

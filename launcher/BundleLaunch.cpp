@@ -8,11 +8,9 @@
 #include "bounded/bounded.h"
 
 namespace {
-constexpr const char* kSource = "main";
-constexpr const char* kContentsMarker = "/Contents";
-constexpr const char* kOpenCommand = "open -a \"";
+constexpr char kContentsMarker[] = "/Contents";
+constexpr char kOpenCommand[] = "open -a \"";
 constexpr size_t kExecutablePathSize = 256;
-constexpr size_t kCommandSize = 1024;
 
 int HexDigitValue(char c) {
     if (c >= '0' && c <= '9') {
@@ -27,30 +25,31 @@ int HexDigitValue(char c) {
 // The path part of a URL's text: what follows its scheme and host.
 const char* URLPathPart(const char* text) {
     const char* afterScheme = strstr(text, "://");
-    if (afterScheme == NULL) {
+    if (afterScheme == nullptr) {
         return text;
     }
     const char* path = strchr(afterScheme + 3, '/');
-    return path != NULL ? path : "";
+    return path != nullptr ? path : "";
 }
 
 // Systems before 10.5: the percent-decoded path of the bundle's own URL. The URL's text is
 // taken whole, however long; a path too long for the caller's buffer is cut there.
 bool GetBundlePathFromURL(CFBundleRef bundle, char* buffer, int32_t size) {
     CFURLRef bundleURL = CFBundleCopyBundleURL(bundle);
-    if (bundleURL == NULL) {
+    if (bundleURL == nullptr) {
         return false;
     }
     CFStringRef text = CFURLGetString(bundleURL);
     size_t textSize =
-        text == NULL ? 1
-                     : CFStringGetMaximumSizeForEncoding(CFStringGetLength(text), kCFStringEncodingUTF8) + 1;
+        text == nullptr
+            ? 1
+            : CFStringGetMaximumSizeForEncoding(CFStringGetLength(text), kCFStringEncodingUTF8) + 1;
     // Zero-filled: URLToString writes no terminator, and decodes to no more than it reads.
     char* urlText = static_cast<char*>(calloc(textSize, 1));
     char* decoded = static_cast<char*>(calloc(textSize, 1));
     // A URL without text leaves the buffer as it is.
-    bool read = urlText != NULL && decoded != NULL &&
-                (text == NULL || CFStringGetCString(text, urlText, textSize, kCFStringEncodingUTF8));
+    bool read = urlText != nullptr && decoded != nullptr &&
+                (text == nullptr || CFStringGetCString(text, urlText, textSize, kCFStringEncodingUTF8));
     CFRelease(bundleURL);
     if (read) {
         URLToString(URLPathPart(urlText), decoded);
@@ -71,8 +70,8 @@ bool GetBundlePathFromURL(CFBundleRef bundle, char* buffer, int32_t size) {
 } // namespace
 
 bool GetModulePath(char* buffer, int32_t size) {
-    if (buffer == NULL || size < 1) {
-        Log(kSource, "GetModulePath", "param error");
+    if (buffer == nullptr || size < 1) {
+        Log(kMainSource, "GetModulePath", "param error");
         return false;
     }
     CFBundleRef bundle = CFBundleGetMainBundle();
@@ -81,24 +80,23 @@ bool GetModulePath(char* buffer, int32_t size) {
         return GetBundlePathFromURL(bundle, buffer, size);
     }
 
-    char executablePath[kExecutablePathSize];
-    memset_s(executablePath, sizeof(executablePath), 0, sizeof(executablePath));
+    char executablePath[kExecutablePathSize] = {};
     CFURLRef executableURL = CFBundleCopyExecutableURL(bundle);
     bool havePath =
-        executableURL != NULL &&
+        executableURL != nullptr &&
         CFURLGetFileSystemRepresentation(executableURL, TRUE, reinterpret_cast<UInt8*>(executablePath),
                                          sizeof(executablePath));
-    if (executableURL != NULL) {
+    if (executableURL != nullptr) {
         CFRelease(executableURL);
     }
     if (!havePath) {
-        Log(kSource, "GetModulePath", "Get app path failed.");
+        Log(kMainSource, "GetModulePath", "Get app path failed.");
         return false;
     }
 
     char* contents = strrstr(executablePath, kContentsMarker);
-    if (contents == NULL) {
-        Log(kSource, "GetModulePath", "strrstr error.");
+    if (contents == nullptr) {
+        Log(kMainSource, "GetModulePath", "strrstr error.");
         return false;
     }
     *contents = '\0';
@@ -107,20 +105,20 @@ bool GetModulePath(char* buffer, int32_t size) {
 }
 
 char* strrstr(const char* haystack, const char* needle) {
-    if (haystack == NULL || needle == NULL || needle[0] == '\0') {
-        return NULL;
+    if (haystack == nullptr || needle == nullptr || needle[0] == '\0') {
+        return nullptr;
     }
-    const char* last = NULL;
+    const char* last = nullptr;
     // Each search starts one character after the previous match, so overlapping
     // occurrences count.
-    for (const char* match = strstr(haystack, needle); match != NULL; match = strstr(match + 1, needle)) {
+    for (const char* match = strstr(haystack, needle); match != nullptr; match = strstr(match + 1, needle)) {
         last = match;
     }
     return const_cast<char*>(last);
 }
 
 bool URLToString(const char* source, char* destination) {
-    if (source == NULL || destination == NULL) {
+    if (source == nullptr || destination == nullptr) {
         return false;
     }
     size_t length = strlen(source);
@@ -144,8 +142,7 @@ bool URLToString(const char* source, char* destination) {
 }
 
 void AutoRunApplication() {
-    char command[kCommandSize];
-    memset_s(command, sizeof(command), 0, sizeof(command));
+    char command[kPathSize] = {};
     QuitApplicationEventLoop();
 
     strncpy_s(command, sizeof(command), kOpenCommand, sizeof(command) - 1);
@@ -153,5 +150,5 @@ void AutoRunApplication() {
     strncat_s(command, sizeof(command), "\"", sizeof(command) - 1 - strlen(command));
     system(command);
 
-    Log(kSource, "AutoRunApplication", "AutoRunApplication end......");
+    Log(kMainSource, "AutoRunApplication", "AutoRunApplication end......");
 }

@@ -3,7 +3,7 @@
 
 #include "Launcher.h"
 
-MPSemaphoreID m_semaphore = NULL;
+MPSemaphoreID m_semaphore = nullptr;
 
 namespace {
 constexpr MPSemaphoreCount kMaximumCount = 0x7FFFFFFF;

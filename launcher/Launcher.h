@@ -7,6 +7,14 @@
 #include <stddef.h>
 #include <sys/sysctl.h>
 
+/* ---- Constants the launcher's files share ---- */
+constexpr size_t kPathSize = 1024;                             // paths and command lines
+constexpr char kStagedPackage[] = "/tmp/qv_tmp_vantorel.mpkg"; // the package staged for installation
+constexpr char kAutoSetupCopy[] = "/tmp/AutoSetup";            // AutoSetup copied for the disc's script
+constexpr UInt32 kCloseCommand = kHICommandClose;              // "clos": the copy is done, close the window
+constexpr char kMainSource[] = "main";                         // log source of all but the progress window
+constexpr char kProgressWindowSource[] = "ProgressWindow";     // log source of the progress window
+
 /* ---- Version records (VersionRecords.cpp) ---- */
 struct VersionRecord {
     int32_t VRVersion;
@@ -19,7 +27,7 @@ struct VersionRecord {
 
 extern VersionRecord pkgVersion;       // the package on the medium
 extern VersionRecord installedVersion; // the installed application
-extern char szAppPath[1024];           // the installed application's path, from the package's configuration
+extern char szAppPath[kPathSize];      // the installed application's path, from the package's configuration
 extern bool isShowProcessWindow;       // show the progress window while the package is copied
 
 bool GetVersionCfg(VersionRecord* record);

@@ -13,7 +13,6 @@ const EventTypeSpec WIN_EVENT[1] = {{kEventClassWindow, kEventWindowClose}};
 
 namespace {
 
-constexpr char kSource[] = "main";
 constexpr OSType kMessageSignature = 'MSG1';
 
 struct BoxLayout {
@@ -26,7 +25,7 @@ struct BoxLayout {
 
 // With no window there is nobody to answer: do what the close box does.
 void AnswerAsClosed(const char* funcName) {
-    Log(kSource, funcName, "CreateWindowFromNib failed");
+    Log(kMainSource, funcName, "CreateWindowFromNib failed");
     QuitApplicationEventLoop();
     AutoRunApplication();
 }
@@ -52,12 +51,12 @@ void ShowBox(const BoxLayout& layout, const char* textKey) {
     }
     if (InstallEventHandler(GetApplicationEventTarget(), NewEventHandlerUPP(layout.clickHandler), 1,
                             CTRL_EVENT, nullptr, &g_appClickEventHandlerRef) != noErr) {
-        Log(kSource, layout.funcName, "InstallApplicationEventHandler failed");
+        Log(kMainSource, layout.funcName, "InstallApplicationEventHandler failed");
         return;
     }
     if (InstallEventHandler(HIObjectGetEventTarget(reinterpret_cast<HIObjectRef>(window)),
                             NewEventHandlerUPP(CloseWindowHandle), 1, WIN_EVENT, nullptr, nullptr) != noErr) {
-        Log(kSource, layout.funcName, "HIViewInstallEventHandler failed");
+        Log(kMainSource, layout.funcName, "HIViewInstallEventHandler failed");
         return;
     }
     ControlRef message = GetControlRef(window, kMessageSignature, 1);
@@ -73,7 +72,7 @@ OSStatus GetHitControl(EventRef event, const char* funcName, ControlRef* control
     OSStatus err = GetEventParameter(event, kEventParamDirectObject, typeControlRef, nullptr,
                                      sizeof(ControlRef), nullptr, control);
     if (err != noErr) {
-        Log(kSource, funcName, "GetEventParameter failed");
+        Log(kMainSource, funcName, "GetEventParameter failed");
     }
     return err;
 }
@@ -81,7 +80,7 @@ OSStatus GetHitControl(EventRef event, const char* funcName, ControlRef* control
 // A further click must reach no handler once the box has been answered.
 void RemoveClickHandler(const char* funcName) {
     if (RemoveEventHandler(g_appClickEventHandlerRef) != noErr) {
-        Log(kSource, funcName, "RemoveEventHandler failed");
+        Log(kMainSource, funcName, "RemoveEventHandler failed");
     }
     g_appClickEventHandlerRef = nullptr;
 }
@@ -193,14 +192,14 @@ OSStatus CloseWindowHandle(EventHandlerCallRef, EventRef event, void*) {
     OSStatus err = GetEventParameter(event, kEventParamDirectObject, typeWindowRef, nullptr,
                                      sizeof(WindowRef), nullptr, &window);
     if (err != noErr) {
-        Log(kSource, "CloseWindowHandle", "GetEventParameter failed");
+        Log(kMainSource, "CloseWindowHandle", "GetEventParameter failed");
         return err;
     }
     // Handled here, so the window stays: the launcher ends soon after.
     if (window != nullptr) {
         QuitApplicationEventLoop();
         AutoRunApplication();
-        Log(kSource, "CloseWindowHandle", "Close messageBox window");
+        Log(kMainSource, "CloseWindowHandle", "Close messageBox window");
     }
     return noErr;
 }

@@ -13,16 +13,12 @@
 
 namespace {
 
-constexpr char kSource[] = "main";
-constexpr char kTmpDir[] = "/tmp/";
-constexpr char kStagedName[] = "qv_tmp_vantorel.mpkg";
 constexpr char kResourcesDir[] = "/Contents/Resources/";
 constexpr char kPackageName[] = "Vantorel.mpkg";
 // Both Installer literals end with two blanks and the opening quote of the package argument.
 constexpr char kInstallerBefore105[] = "/Applications/Utilities/Installer.app/Contents/MacOS/Installer  \"";
 constexpr char kInstaller105[] = "/System/Library/CoreServices/Installer.app/Contents/MacOS/Installer  \"";
 constexpr unsigned kWorkerPauseSeconds = 3; // lets the main thread enter the modal loop first
-constexpr UInt32 kCloseCommand = 'clos';
 
 // Appends text, cut so that the buffer keeps its terminator.
 void Append(char* buffer, size_t size, const char* text) {
@@ -34,8 +30,7 @@ void Append(char* buffer, size_t size, const char* text) {
 void CleanTmpPKGFile() {
     char path[128] = {};
     char command[256] = {};
-    strncpy_s(path, sizeof path, kTmpDir, sizeof path - 1);
-    Append(path, sizeof path, kStagedName);
+    strncpy_s(path, sizeof path, kStagedPackage, sizeof path - 1);
     strncpy_s(command, sizeof command, "rm -R -f  \"", sizeof command - 1);
     Append(command, sizeof command, path);
     Append(command, sizeof command, "\"");
@@ -43,12 +38,12 @@ void CleanTmpPKGFile() {
 }
 
 bool CopyPkgToLocal() {
-    char packagePath[1024] = {};
-    char command[1024] = {};
+    char packagePath[kPathSize] = {};
+    char command[kPathSize] = {};
     CleanTmpPKGFile();
     strncpy_s(command, sizeof command, "cp -R \"", sizeof command - 1);
     if (!GetModulePath(packagePath, sizeof packagePath)) {
-        Log(kSource, "CopyPkgToLocal", "Get Module Path error.");
+        Log(kMainSource, "CopyPkgToLocal", "Get Module Path error.");
         return false;
     }
     // The closing quote of the source belongs to the path piece; the destination stays unquoted.
@@ -57,20 +52,19 @@ bool CopyPkgToLocal() {
     Append(packagePath, sizeof packagePath, "\"");
     Append(command, sizeof command, packagePath);
     Append(command, sizeof command, " ");
-    Append(command, sizeof command, kTmpDir);
-    Append(command, sizeof command, kStagedName);
+    Append(command, sizeof command, kStagedPackage);
     RunShellCommand(command);
     return true;
 }
 
 void* threadFunc(void*) {
     sleep(kWorkerPauseSeconds);
-    Log(kSource, "threadFunc", "copy mpkg to local begin...");
+    Log(kMainSource, "threadFunc", "copy mpkg to local begin...");
     CopyPkgToLocal();
-    Log(kSource, "threadFunc", "copy mpkg to local end ....");
-    Log(kSource, "threadFunc", "Now we show send the close order to showProcess");
+    Log(kMainSource, "threadFunc", "copy mpkg to local end ....");
+    Log(kMainSource, "threadFunc", "Now we show send the close order to showProcess");
     SendCommandProcessEvent(kCloseCommand);
-    Log(kSource, "threadFunc", "QuitApplicationEventLoop done....");
+    Log(kMainSource, "threadFunc", "QuitApplicationEventLoop done....");
     return nullptr;
 }
 
@@ -87,7 +81,7 @@ void StagePackage(bool showProgress, const char* funcName) {
             return;
         }
         // Without a worker nobody would close the window: copy here, without it.
-        Log(kSource, funcName, "pthread_create failed");
+        Log(kMainSource, funcName, "pthread_create failed");
     }
     CopyPkgToLocal();
 }
@@ -95,23 +89,22 @@ void StagePackage(bool showProgress, const char* funcName) {
 void AutoRunInstallPkg(bool showProgress) {
     StagePackage(showProgress, "AutoRunInstallPkg");
 
-    char command[1024] = {};
-    char bundlePath[1024] = {};
+    char command[kPathSize] = {};
+    char bundlePath[kPathSize] = {};
     strncpy_s(command, sizeof command, kInstallerBefore105, sizeof command - 1);
     QuitApplicationEventLoop();
     // The path itself is not needed: this only confirms that the bundle can be found.
     if (!GetModulePath(bundlePath, sizeof bundlePath)) {
-        Log(kSource, "AutoRunInstallPkg", "Get Module Path error.");
+        Log(kMainSource, "AutoRunInstallPkg", "Get Module Path error.");
         Notify();
         return;
     }
     if (!IsOldThanMacOS105()) {
         strncpy_s(command, sizeof command, kInstaller105, sizeof command - 1);
     }
-    Append(command, sizeof command, kTmpDir);
-    Append(command, sizeof command, kStagedName);
+    Append(command, sizeof command, kStagedPackage);
     Append(command, sizeof command, "\"");
-    Log(kSource, "AutoRunInstallPkg", "installerPath:%s.", command);
+    Log(kMainSource, "AutoRunInstallPkg", "installerPath:%s.", command);
     RunShellCommand(command); // returns when the user quits the Installer
     CleanTmpPKGFile();
     AutoRunApplication();

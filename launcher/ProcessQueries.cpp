@@ -14,19 +14,18 @@
 #include "Launcher.h"
 #include "bounded/bounded.h"
 
-struct kinfo_proc* pprocesslist = NULL;
+struct kinfo_proc* pprocesslist = nullptr;
 size_t processcount = 0;
 
 namespace {
-constexpr const char* kSource = "main";
 constexpr int kMacOS105Major = 9; // Darwin 9 is Mac OS X 10.5
 constexpr size_t kCompareNameSize = 34;
 } // namespace
 
 int GetProcessList(struct kinfo_proc** procList, size_t* procCount) {
-    assert(procList != NULL);
-    assert(*procList == NULL);
-    assert(procCount != NULL);
+    assert(procList != nullptr);
+    assert(*procList == nullptr);
+    assert(procCount != nullptr);
 
     int name[3] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
     int err = 0;
@@ -34,7 +33,7 @@ int GetProcessList(struct kinfo_proc** procList, size_t* procCount) {
 
     for (;;) {
         size_t length = 0;
-        err = sysctl(name, 3, NULL, &length, NULL, 0);
+        err = sysctl(name, 3, nullptr, &length, nullptr, 0);
         if (err == -1) {
             err = errno;
         }
@@ -42,14 +41,13 @@ int GetProcessList(struct kinfo_proc** procList, size_t* procCount) {
             break;
         }
 
-        struct kinfo_proc* result = static_cast<struct kinfo_proc*>(malloc(length));
-        if (result == NULL) {
-            *procList = NULL;
+        struct kinfo_proc* result = static_cast<struct kinfo_proc*>(calloc(length, 1));
+        if (result == nullptr) {
+            *procList = nullptr;
             return ENOMEM;
         }
-        memset_s(result, length, 0, length);
 
-        err = sysctl(name, 3, result, &length, NULL, 0);
+        err = sysctl(name, 3, result, &length, nullptr, 0);
         if (err == -1) {
             err = errno;
         }
@@ -68,20 +66,20 @@ int GetProcessList(struct kinfo_proc** procList, size_t* procCount) {
         return 0;
     }
 
-    *procList = NULL;
+    *procList = nullptr;
     return err;
 }
 
 bool CheckProcessExists(const char* name) {
     GetProcessList(&pprocesslist, &processcount);
-    if (name == NULL) {
+    if (name == nullptr) {
         return false;
     }
     for (size_t i = 0; i < processcount; i++) {
         const char* command = pprocesslist[i].kp_proc.p_comm;
         if (strcmp(command, name) == 0) {
-            Log(kSource, "CheckProcessExists", "%s", command);
-            Log(kSource, "CheckProcessExists", "-----------------");
+            Log(kMainSource, "CheckProcessExists", "%s", command);
+            Log(kMainSource, "CheckProcessExists", "-----------------");
             return true;
         }
     }
@@ -89,7 +87,7 @@ bool CheckProcessExists(const char* name) {
 }
 
 bool IsProcessExists(const char* name) {
-    if (name == NULL) {
+    if (name == nullptr) {
         return false;
     }
 
@@ -98,12 +96,9 @@ bool IsProcessExists(const char* name) {
         return false;
     }
     for (;;) {
-        Str255 processName;
-        char compareName[kCompareNameSize];
-        ProcessInfoRec info;
-        memset_s(processName, sizeof(processName), 0, sizeof(processName));
-        memset_s(compareName, sizeof(compareName), 0, sizeof(compareName));
-        memset_s(&info, sizeof(info), 0, sizeof(info));
+        Str255 processName = {};
+        char compareName[kCompareNameSize] = {};
+        ProcessInfoRec info = {};
         info.processInfoLength = sizeof(ProcessInfoRec);
         info.processName = processName;
 
@@ -126,29 +121,28 @@ bool IsProcessExists(const char* name) {
 bool IsOldThanMacOS105() {
     int name[2] = {CTL_KERN, KERN_OSRELEASE};
     size_t length = 0;
-    if (sysctl(name, 2, NULL, &length, NULL, 0) == -1) {
-        Log(kSource, "IsOldThanMacOS105", "sysctl1 failed");
+    if (sysctl(name, 2, nullptr, &length, nullptr, 0) == -1) {
+        Log(kMainSource, "IsOldThanMacOS105", "sysctl1 failed");
     }
     if (length == 0) {
-        Log(kSource, "IsOldThanMacOS105", "len invalid");
+        Log(kMainSource, "IsOldThanMacOS105", "len invalid");
         return false;
     }
 
     // One byte beyond the kernel's answer keeps the text terminated whatever it holds.
-    char* release = static_cast<char*>(malloc(length + 1));
-    if (release == NULL) {
-        Log(kSource, "IsOldThanMacOS105", "kernelVersion malloc failed");
+    char* release = static_cast<char*>(calloc(length + 1, 1));
+    if (release == nullptr) {
+        Log(kMainSource, "IsOldThanMacOS105", "kernelVersion malloc failed");
         return false;
     }
-    memset_s(release, length + 1, 0, length + 1);
-    if (sysctl(name, 2, release, &length, NULL, 0) == -1) {
-        Log(kSource, "IsOldThanMacOS105", "sysctl2 failed");
+    if (sysctl(name, 2, release, &length, nullptr, 0) == -1) {
+        Log(kMainSource, "IsOldThanMacOS105", "sysctl2 failed");
     }
 
-    char* save = NULL;
+    char* save = nullptr;
     const char* major = strtok_r(release, ".", &save);
-    if (major == NULL) {
-        Log(kSource, "IsOldThanMacOS105", "get kernelVersion failed");
+    if (major == nullptr) {
+        Log(kMainSource, "IsOldThanMacOS105", "get kernelVersion failed");
         free(release);
         return false;
     }

@@ -3,7 +3,6 @@
 #include "Launcher.h"
 
 #include "Common/Log.h"
-#include "bounded/bounded.h"
 
 #include <errno.h>
 #include <pthread.h>
@@ -15,9 +14,7 @@ const EventTypeSpec sApplicationEvents[1] = {{kEventClassCommand, kEventCommandP
 
 namespace {
 
-constexpr char kSource[] = "ProgressWindow";
 constexpr HIViewID kLogoViewID = {'copy', 1};
-constexpr UInt32 kCloseCommand = 'clos';
 
 // Standard output is often a pipe or a file: each message is flushed so it keeps its place
 // among the output of the commands the launcher runs.
@@ -99,8 +96,7 @@ OSStatus ProgressWindowHandler(EventHandlerCallRef, EventRef event, void*) {
     if (eventClass != kEventClassCommand) {
         return eventNotHandledErr;
     }
-    HICommand command;
-    memset_s(&command, sizeof command, 0, sizeof command);
+    HICommand command = {};
     if (GetEventParameter(event, kEventParamDirectObject, typeHICommand, nullptr, sizeof command, nullptr,
                           &command) != noErr) {
         command.commandID = 0;
@@ -118,17 +114,16 @@ OSStatus ProgressWindowHandler(EventHandlerCallRef, EventRef event, void*) {
 }
 
 void SendCommandProcessEvent(UInt32 commandID) {
-    HICommand command;
-    memset_s(&command, sizeof command, 0, sizeof command);
+    HICommand command = {};
     command.commandID = commandID;
     EventRef event = nullptr;
     if (CreateEvent(nullptr, kEventClassCommand, kEventCommandProcess, GetCurrentEventTime(),
                     kEventAttributeUserEvent, &event) != noErr) {
-        Log(kSource, "SendCommandProcessEvent", "CreateEvent failed");
+        Log(kProgressWindowSource, "SendCommandProcessEvent", "CreateEvent failed");
         return;
     }
     if (SetEventParameter(event, kEventParamDirectObject, typeHICommand, sizeof command, &command) != noErr) {
-        Log(kSource, "SendCommandProcessEvent", "SetEventParameter failed");
+        Log(kProgressWindowSource, "SendCommandProcessEvent", "SetEventParameter failed");
         ReleaseEvent(event);
         return;
     }

@@ -14,15 +14,13 @@
 
 VersionRecord pkgVersion = {0, 0, 0, 0, 0, 0};
 VersionRecord installedVersion = {0, 0, 0, 0, 0, 0};
-char szAppPath[1024] = {0};
+char szAppPath[kPathSize] = {};
 bool isShowProcessWindow = false;
 
 namespace {
-constexpr const char* kSource = "main";
-constexpr size_t kPathSize = 1024;
-constexpr const char* kPkgConfigSuffix = "/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat";
-constexpr const char* kVersionSection = "System";
-constexpr const char* kAppSection = "APP_PATH";
+constexpr char kPkgConfigSuffix[] = "/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat";
+constexpr char kVersionSection[] = "System";
+constexpr char kAppSection[] = "APP_PATH";
 
 // Builds the path of the installed application's configuration (forConfig) or of the
 // file that proves it is installed, from szAppPath and the package's record.
@@ -33,7 +31,7 @@ void BuildInstalledPath(char* path, bool forConfig) {
     } else if (pkgVersion.MajorVersion != 0) {
         suffix = "/SysConfig.dat";
     } else if (!forConfig) {
-        Log(kSource, "IsApplicationExists", "pkgVersion info may be error.");
+        Log(kMainSource, "IsApplicationExists", "pkgVersion info may be error.");
     }
     strncpy_s(path, kPathSize, szAppPath, kPathSize - 1);
     strncat_s(path, kPathSize, suffix, kPathSize - 1 - strlen(path));
@@ -47,8 +45,8 @@ FILE* OpenPresent(const char* path) {
 } // namespace
 
 bool GetVersionCfg(VersionRecord* record) {
-    if (record == NULL) {
-        Log(kSource, "GetVersionCfg", "param error.");
+    if (record == nullptr) {
+        Log(kMainSource, "GetVersionCfg", "param error.");
         return false;
     }
     struct Field {
@@ -65,8 +63,8 @@ bool GetVersionCfg(VersionRecord* record) {
     };
     for (const Field& entry : kFields) {
         const char* value = GetInitKey(kVersionSection, entry.key);
-        if (value == NULL) {
-            Log(kSource, "GetVersionCfg", "Get Version cfg error.");
+        if (value == nullptr) {
+            Log(kMainSource, "GetVersionCfg", "Get Version cfg error.");
             return false;
         }
         record->*entry.field = atoi(value);
@@ -75,80 +73,76 @@ bool GetVersionCfg(VersionRecord* record) {
 }
 
 bool GetPkgVersion() {
-    char bundlePath[kPathSize];
-    char iniPath[kPathSize];
-    memset_s(bundlePath, sizeof(bundlePath), 0, sizeof(bundlePath));
-    memset_s(iniPath, sizeof(iniPath), 0, sizeof(iniPath));
+    char bundlePath[kPathSize] = {};
+    char iniPath[kPathSize] = {};
 
     if (!GetModulePath(bundlePath, kPathSize)) {
-        Log(kSource, "GetPkgVersion", "Get Module Path error.");
+        Log(kMainSource, "GetPkgVersion", "Get Module Path error.");
         return false;
     }
     strncpy_s(iniPath, kPathSize, bundlePath, kPathSize - 1);
     strncat_s(iniPath, kPathSize, kPkgConfigSuffix, kPathSize - 1 - strlen(iniPath));
-    Log(kSource, "GetPkgVersion", "inipath:%s.", iniPath);
+    Log(kMainSource, "GetPkgVersion", "inipath:%s.", iniPath);
 
     if (!SetIniFileName(iniPath)) {
-        Log(kSource, "GetPkgVersion", "SetIniFileName inipath error.");
+        Log(kMainSource, "GetPkgVersion", "SetIniFileName inipath error.");
         return false;
     }
     GetVersionCfg(&pkgVersion);
 
     memset_s(szAppPath, sizeof(szAppPath), 0, sizeof(szAppPath));
     const char* appPath = ReadStringEx(kAppSection, "VALUE", "");
-    if (appPath != NULL) {
+    if (appPath != nullptr) {
         strncpy_s(szAppPath, sizeof(szAppPath), appPath, sizeof(szAppPath) - 1);
     }
 
     const char* showWindow = ReadStringEx(kAppSection, "RUN_PROCESS_DLG", "");
-    if (showWindow != NULL && strcasecmp(showWindow, "yes") == 0) {
-        Log(kSource, "GetPkgVersion", "read RUN_PROCESS_DLG is yes, run process window");
+    if (showWindow != nullptr && strcasecmp(showWindow, "yes") == 0) {
+        Log(kMainSource, "GetPkgVersion", "read RUN_PROCESS_DLG is yes, run process window");
         isShowProcessWindow = true;
     } else {
-        Log(kSource, "GetPkgVersion", "read RUN_PROCESS_DLG is not yes,not run process window");
+        Log(kMainSource, "GetPkgVersion", "read RUN_PROCESS_DLG is not yes,not run process window");
         isShowProcessWindow = false;
     }
     return true;
 }
 
 bool GetInstalledVersion() {
-    char installedPath[kPathSize];
-    memset_s(installedPath, sizeof(installedPath), 0, sizeof(installedPath));
+    char installedPath[kPathSize] = {};
     BuildInstalledPath(installedPath, true);
 
     if (!SetIniFileName(installedPath)) {
-        Log(kSource, "GetInstalledVersion", "SetIniFileName szInstalledPath error.");
+        Log(kMainSource, "GetInstalledVersion", "SetIniFileName szInstalledPath error.");
         return false;
     }
     return GetVersionCfg(&installedVersion);
 }
 
 bool IsApplicationExists() {
-    char presencePath[kPathSize];
-    memset_s(presencePath, sizeof(presencePath), 0, sizeof(presencePath));
+    char presencePath[kPathSize] = {};
     BuildInstalledPath(presencePath, false);
 
     FILE* file = OpenPresent(presencePath);
-    if (file != NULL) {
+    if (file != nullptr) {
         fclose(file);
         return true;
     }
-    Log(kSource, "IsApplicationExists", "%s not exist", presencePath);
+    Log(kMainSource, "IsApplicationExists", "%s not exist", presencePath);
     return false;
 }
 
 bool IsFileExist(const char* path) {
-    if (path == NULL) {
-        Log(kSource, "IsFileExist", "param error");
+    if (path == nullptr) {
+        Log(kMainSource, "IsFileExist", "param error");
         return false;
     }
     FILE* file = OpenPresent(path);
-    if (file != NULL) {
-        Log(kSource, "IsFileExist", "File: %s exist", path);
+    if (file != nullptr) {
+        Log(kMainSource, "IsFileExist", "File: %s exist", path);
         fclose(file);
         return true;
     }
-    Log(kSource, "IsFileExist", "File: %s isn't exist", path);
+    Log(kMainSource, "IsFileExist", "File: %s isn't exist", path);
     return false;
 }
 
@@ -172,11 +166,11 @@ int CompareInFieldOrder(const VersionRecord* installed, const VersionRecord* pac
 
 DialogChoice ChooseDialog(const VersionRecord* installed, const VersionRecord* package,
                           const char** textKey) {
-    if (installed == NULL || package == NULL || textKey == NULL) {
-        Log(kSource, "ChooseDialog", "param error.");
+    if (installed == nullptr || package == nullptr || textKey == nullptr) {
+        Log(kMainSource, "ChooseDialog", "param error.");
         return kNoDialog;
     }
-    *textKey = NULL;
+    *textKey = nullptr;
 
     if (package->MajorVersion != 0) {
         static const VersionField kMajorOrder[] = {&VersionRecord::MajorVersion, &VersionRecord::VRVersion,

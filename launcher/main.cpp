@@ -3,26 +3,40 @@
 #include "Common/Log.h"
 #include "Launcher.h"
 
+#include <signal.h>
+
 namespace {
-constexpr const char* kSource = "main";
-constexpr const char* kLogFile = "/var/tmp/Kestrun.log";
-constexpr const char* kEventName = "QV_EVENT";
-constexpr const char* kUpdaterProcess = "UpdateWizard";
-constexpr const char* kStagedPackage = "/tmp/qv_tmp_vantorel.mpkg";
+constexpr char kLogFile[] = "/var/tmp/Kestrun.log";
+constexpr char kEventName[] = "QV_EVENT";
+constexpr char kUpdaterProcess[] = "UpdateWizard";
+
+void IgnoreBrokenPipe(int) {}
+
+// The progress window writes to standard output, which may be a pipe whose reader has gone:
+// that write must fail, not end the launcher. A handler that does nothing does this, and
+// unlike an ignored signal it is back at its default in every command the launcher runs.
+void SurviveBrokenPipes() {
+    struct sigaction action = {};
+    action.sa_handler = IgnoreBrokenPipe;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+}
 } // namespace
 
 int main(int /*argc*/, char** /*argv*/) {
+    SurviveBrokenPipes();
     InitLogSystem(kLogFile);
     SetEvent(kEventName);
-    Log(kSource, "main", "Main Enter");
+    Log(kMainSource, "main", "Main Enter");
 
     // An unreadable package record leaves the path empty, which ends in INSTALL below.
     GetPkgVersion();
-    Log(kSource, "main", "GetPkgVersion Sunccess");
+    Log(kMainSource, "main", "GetPkgVersion Sunccess");
 
     if (!IsApplicationExists()) {
         // INSTALL: the dispatch signals the completion event on every ending.
-        Log(kSource, "main", "Application isn't Exist,then install");
+        Log(kMainSource, "main", "Application isn't Exist,then install");
         AutoInstallPkg(isShowProcessWindow);
         Wait(static_cast<uint32_t>(-1));
         StopEvent();
@@ -41,10 +55,10 @@ int main(int /*argc*/, char** /*argv*/) {
     const char* textKey = nullptr;
     DialogChoice dialog = ChooseDialog(&installedVersion, &pkgVersion, &textKey);
     if (dialog == kNoDialog) {
-        Log(kSource, "main", "CheckInstallerExists");
+        Log(kMainSource, "main", "CheckInstallerExists");
         if (IsFileExist(kStagedPackage)) {
             // STOP: an installation has staged its package; leave it alone.
-            Log(kSource, "main", "Installer Exists stop event");
+            Log(kMainSource, "main", "Installer Exists stop event");
             StopEvent();
             CloseLogSystem();
             return 0;

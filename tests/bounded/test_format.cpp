@@ -115,11 +115,14 @@ TEST(VsnprintfS, InvalidArguments) {
     EXPECT_EQ(snprintf_s(nullptr, 8, 7, "x"), -1);
     EXPECT_TRUE(area.Unchanged(0));
     // Anything else invalid leaves an empty text.
-    const std::tuple<size_t, size_t, const char*> cases[] = {
-        {8, 7, nullptr}, {BOUNDED_MAX_LEN + 1, 7, "x"}, {8, BOUNDED_MAX_LEN, "x"}, {8, SIZE_MAX - 1, "x"}};
-    for (const auto& [destMax, count, format] : cases) {
-        EXPECT_EQ(snprintf_s(area.data(), destMax, count, format, 1), -1) << count;
-        EXPECT_TRUE(area.bytes[0] == '\0' && area.Unchanged(1)) << count;
+    const std::tuple<const char*, size_t, size_t, const char*> cases[] = {
+        {"a null format", 8, 7, nullptr},
+        {"destMax above the maximum", BOUNDED_MAX_LEN + 1, 7, "x"},
+        {"a limit of the maximum", 8, BOUNDED_MAX_LEN, "x"},
+        {"a limit above the maximum but not all bits set", 8, SIZE_MAX - 1, "x"}};
+    for (const auto& [rule, destMax, count, format] : cases) {
+        EXPECT_EQ(snprintf_s(area.data(), destMax, count, format, 1), -1) << rule;
+        EXPECT_TRUE(area.bytes[0] == '\0' && area.Unchanged(1)) << rule;
     }
     EXPECT_EQ(snprintf_s(area.data(), 8, BOUNDED_MAX_LEN - 1, "x"),
               1); // the largest limit below all bits set
@@ -129,10 +132,14 @@ TEST(VsnprintfS, InvalidArguments) {
 // Every capacity from 1 to a few past the text, every limit around it: the truncating form
 // (limit below destMax) keeps the first limit characters, the other form refuses.
 TEST(VsnprintfS, TruncationAndRefusalAtEveryBoundary) {
+    // Bare conversions skip the parser: their texts, a sign among them, must meet every
+    // boundary as the others do.
     const std::pair<const char*, std::string> cases[] = {
         {"abcdefghij", "abcdefghij"},
-        {"%5d|%-4s|%#x|%+06d", "   42|ab  |0xff|-00007"},
-        {"%20d%-20s.", std::string(18, ' ') + "42ab" + std::string(18, ' ') + "."},
+        {"value is %d", "value is -42"},
+        {"%d|%s|%x|%d", "-42|ab|ff|-7"},
+        {"%5d|%-4s|%#x|%+06d", "  -42|ab  |0xff|-00007"},
+        {"%20d%-20s.", std::string(17, ' ') + "-42ab" + std::string(18, ' ') + "."},
         {"", ""},
     };
     for (const auto& [format, text] : cases) {
@@ -141,7 +148,7 @@ TEST(VsnprintfS, TruncationAndRefusalAtEveryBoundary) {
                 size_t limit = count > destMax + 1 ? SIZE_MAX : count;
                 SCOPED_TRACE(text + " destMax " + std::to_string(destMax) + " count " +
                              std::to_string(limit));
-                Outcome o = Format(destMax, limit, format, 42, "ab", 255, -7);
+                Outcome o = Format(destMax, limit, format, -42, "ab", 255, -7);
                 EXPECT_TRUE(o.guardIntact && o.terminated);
                 bool fits = text.size() <= std::min(limit, destMax - 1);
                 EXPECT_EQ(o.result, fits ? static_cast<int>(text.size()) : -1);
@@ -153,20 +160,21 @@ TEST(VsnprintfS, TruncationAndRefusalAtEveryBoundary) {
 
 TEST(VsnprintfS, RejectionDiscardsTextUnlessTheBufferRanOutFirst) {
     const struct {
+        const char* rule;
         size_t destMax, count;
         const char* format;
         std::string text;
     } cases[] = {
-        {16, 15, "abc%n", ""},
-        {16, SIZE_MAX, "abc%5%", ""},
-        {10, 9, "0123456789%n", "012345678"},          // the room was used up first: a truncation
-        {10, 9, "012345678%n", ""},                    // a byte to spare: a rejection
-        {16, 15, "%214748369d", std::string(15, ' ')}, // the largest width is accepted
-        {16, SIZE_MAX, "%214748369d", ""},
+        {"a rejection empties the truncating form", 16, 15, "abc%n", ""},
+        {"a rejection empties the refusing form", 16, SIZE_MAX, "abc%5%", ""},
+        {"room used up before the rejection is a truncation", 10, 9, "0123456789%n", "012345678"},
+        {"a byte to spare before the rejection is a rejection", 10, 9, "012345678%n", ""},
+        {"the largest width is accepted and cut", 16, 15, "%214748369d", std::string(15, ' ')},
+        {"the largest width is refused when not cut", 16, SIZE_MAX, "%214748369d", ""},
     };
     for (const auto& c : cases) {
         Outcome o = Format(c.destMax, c.count, c.format, 1);
-        EXPECT_TRUE(o.result == -1 && o.text == c.text && o.guardIntact) << c.format << " " << c.count;
+        EXPECT_TRUE(o.result == -1 && o.text == c.text && o.guardIntact) << c.rule;
     }
 }
 

@@ -9,22 +9,24 @@ const char SOURCE[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTU
 TEST(CopyS, CodesAndDestinationByRule) {
     enum Expect { COPIED, UNTOUCHED, ZEROED };
     const struct {
+        const char* rule;
         size_t destMax, count;
         bool nullDest, nullSrc;
         int code;
         Expect dest;
     } cases[] = {
-        {16, 16, false, false, BOUNDED_OK, COPIED},
-        {16, 17, false, false, BOUNDED_ERANGE_RESET, ZEROED},
-        {16, 0, false, false, BOUNDED_OK, UNTOUCHED},
-        {0, 0, false, false, BOUNDED_ERANGE, UNTOUCHED},
-        {BOUNDED_MAX_LEN + 1, 4, false, false, BOUNDED_ERANGE, UNTOUCHED},
-        {16, 4, true, true, BOUNDED_EINVAL, UNTOUCHED},
-        {16, 4, false, true, BOUNDED_EINVAL_RESET, ZEROED},
+        {"a count of destMax is copied", 16, 16, false, false, BOUNDED_OK, COPIED},
+        {"a count past destMax zeroes the destination", 16, 17, false, false, BOUNDED_ERANGE_RESET, ZEROED},
+        {"count 0 copies nothing", 16, 0, false, false, BOUNDED_OK, UNTOUCHED},
+        {"destMax 0 is refused untouched", 0, 0, false, false, BOUNDED_ERANGE, UNTOUCHED},
+        {"destMax above the maximum is refused untouched", BOUNDED_MAX_LEN + 1, 4, false, false,
+         BOUNDED_ERANGE, UNTOUCHED},
+        {"a null destination is refused before a null source", 16, 4, true, true, BOUNDED_EINVAL, UNTOUCHED},
+        {"a null source zeroes the destination", 16, 4, false, true, BOUNDED_EINVAL_RESET, ZEROED},
     };
     for (auto copy : {memcpy_s, memmove_s}) {
         for (const auto& c : cases) {
-            SCOPED_TRACE("destMax " + std::to_string(c.destMax) + " count " + std::to_string(c.count));
+            SCOPED_TRACE(std::string(copy == memcpy_s ? "memcpy_s: " : "memmove_s: ") + c.rule);
             Area area(c.destMax);
             EXPECT_EQ(
                 copy(c.nullDest ? nullptr : area.data(), c.destMax, c.nullSrc ? nullptr : SOURCE, c.count),
@@ -66,22 +68,25 @@ TEST(CopyS, OverlapBoundaries) {
 // Only the low byte of the value (0x141) is stored.
 TEST(MemsetS, FillsCountBytesAndOnOverflowTheWholeDestination) {
     const struct {
+        const char* rule;
         bool nullDest;
         size_t destMax, count;
         int code;
         size_t filled;
     } cases[] = {
-        {false, 10, 4, BOUNDED_OK, 4},
-        {false, 10, 11, BOUNDED_ERANGE_RESET, 10}, // the requested value, not zero
-        {false, 0, 0, BOUNDED_OK, 0},              // the one destMax 0 that is fine
-        {false, 0, 1, BOUNDED_ERANGE, 0},
-        {false, BOUNDED_MAX_LEN + 1, 1, BOUNDED_ERANGE, 0},
-        {true, 10, 1, BOUNDED_EINVAL, 0},
+        {"count bytes are filled", false, 10, 4, BOUNDED_OK, 4},
+        {"a count past destMax fills the whole destination with the value, not zero", false, 10, 11,
+         BOUNDED_ERANGE_RESET, 10},
+        {"destMax 0 with count 0 is fine", false, 0, 0, BOUNDED_OK, 0},
+        {"destMax 0 with a count is refused", false, 0, 1, BOUNDED_ERANGE, 0},
+        {"destMax above the maximum is refused", false, BOUNDED_MAX_LEN + 1, 1, BOUNDED_ERANGE, 0},
+        {"a null destination is refused", true, 10, 1, BOUNDED_EINVAL, 0},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.rule);
         Area area(c.destMax);
-        EXPECT_EQ(memset_s(c.nullDest ? nullptr : area.data(), c.destMax, 0x141, c.count), c.code) << c.count;
-        EXPECT_TRUE(area.Filled(c.filled, 'A') && area.Unchanged(c.filled)) << c.count;
+        EXPECT_EQ(memset_s(c.nullDest ? nullptr : area.data(), c.destMax, 0x141, c.count), c.code);
+        EXPECT_TRUE(area.Filled(c.filled, 'A') && area.Unchanged(c.filled));
     }
 }
 

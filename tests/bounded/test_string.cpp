@@ -11,6 +11,7 @@ const char UNTERMINATED[4] = {'w', 'x', 'y', 'z'};
 // A reset of strncpy_s and strcpy_s zeroes the first byte only; none writes behind destMax.
 TEST(TextS, CodesAndTextByRule) {
     const struct {
+        const char* rule;
         TextFunction function;
         const char* initial; // text already in dest, or junk
         size_t destMax;
@@ -19,33 +20,37 @@ TEST(TextS, CodesAndTextByRule) {
         int code;
         const char* result;
     } cases[] = {
-        {cpy, nullptr, 5, "abcd", 10, BOUNDED_OK, "abcd"},
-        {cpy, nullptr, 5, "abcde", 10, BOUNDED_ERANGE_RESET, ""}, // refused as a whole, not cut
-        {cpy, nullptr, 5, "abcdef", 4, BOUNDED_OK, "abcd"},       // count cuts without error
-        {cpy, nullptr, 5, "abcdef", 5, BOUNDED_ERANGE_RESET, ""},
-        {cpy, nullptr, 5, "abcdef", 0, BOUNDED_OK, ""},
-        {cpy, nullptr, 1, "", 1, BOUNDED_OK, ""},
-        {cpy, nullptr, 8, UNTERMINATED, 4, BOUNDED_OK, "wxyz"}, // nothing past count is read
-        {cpy, nullptr, 5, nullptr, 3, BOUNDED_EINVAL_RESET, ""},
-        {cpy, nullptr, 5, "ab", BOUNDED_MAX_LEN + 1, BOUNDED_ERANGE_RESET, ""},
-        {cpy, nullptr, 5, "ab", BOUNDED_MAX_LEN, BOUNDED_OK, "ab"},
-        {cat, "ab", 5, "cd", 10, BOUNDED_OK, "abcd"},
-        {cat, "ab", 5, "cde", 10, BOUNDED_ERANGE_RESET, ""},
-        {cat, "ab", 5, "cde", 2, BOUNDED_OK, "abcd"},
-        {cat, "ab", 5, "cde", 3, BOUNDED_ERANGE_RESET, ""},
-        {cat, "abcd", 5, "xyz", 0, BOUNDED_OK, "abcd"}, // the append pattern on a full buffer
-        {cat, "abcd", 5, "x", 1, BOUNDED_ERANGE_RESET, ""},
-        {cat, "", 1, "", 5, BOUNDED_OK, ""},
-        {cat, "ab", 5, nullptr, 1, BOUNDED_EINVAL_RESET, ""},
-        {cat, "ab", 5, "c", BOUNDED_MAX_LEN + 1, BOUNDED_ERANGE_RESET, ""},
-        {cat, "abcde", 5, "x", 0, BOUNDED_EINVAL_RESET, ""}, // no terminator within destMax
-        {StrcpyS, nullptr, 5, "abcd", 0, BOUNDED_OK, "abcd"},
-        {StrcpyS, nullptr, 5, "abcde", 0, BOUNDED_ERANGE_RESET, ""},
-        {StrcpyS, nullptr, 5, nullptr, 0, BOUNDED_EINVAL_RESET, ""},
+        {"a text that fits is copied", cpy, nullptr, 5, "abcd", 10, BOUNDED_OK, "abcd"},
+        {"a text one byte too long is refused whole, not cut", cpy, nullptr, 5, "abcde", 10,
+         BOUNDED_ERANGE_RESET, ""},
+        {"count cuts the copy without an error", cpy, nullptr, 5, "abcdef", 4, BOUNDED_OK, "abcd"},
+        {"count reaching destMax is too long", cpy, nullptr, 5, "abcdef", 5, BOUNDED_ERANGE_RESET, ""},
+        {"count 0 copies the empty text", cpy, nullptr, 5, "abcdef", 0, BOUNDED_OK, ""},
+        {"the empty text fits in one byte", cpy, nullptr, 1, "", 1, BOUNDED_OK, ""},
+        {"nothing past count is read", cpy, nullptr, 8, UNTERMINATED, 4, BOUNDED_OK, "wxyz"},
+        {"a null source resets", cpy, nullptr, 5, nullptr, 3, BOUNDED_EINVAL_RESET, ""},
+        {"a count above the maximum resets", cpy, nullptr, 5, "ab", BOUNDED_MAX_LEN + 1, BOUNDED_ERANGE_RESET,
+         ""},
+        {"a count of the maximum is allowed", cpy, nullptr, 5, "ab", BOUNDED_MAX_LEN, BOUNDED_OK, "ab"},
+        {"an append that fits", cat, "ab", 5, "cd", 10, BOUNDED_OK, "abcd"},
+        {"an append one byte too long resets", cat, "ab", 5, "cde", 10, BOUNDED_ERANGE_RESET, ""},
+        {"count cuts an append without an error", cat, "ab", 5, "cde", 2, BOUNDED_OK, "abcd"},
+        {"an append whose count reaches destMax resets", cat, "ab", 5, "cde", 3, BOUNDED_ERANGE_RESET, ""},
+        {"count 0 on a full buffer appends nothing", cat, "abcd", 5, "xyz", 0, BOUNDED_OK, "abcd"},
+        {"an append to a full buffer resets", cat, "abcd", 5, "x", 1, BOUNDED_ERANGE_RESET, ""},
+        {"appending the empty text to the empty text", cat, "", 1, "", 5, BOUNDED_OK, ""},
+        {"a null source of an append resets", cat, "ab", 5, nullptr, 1, BOUNDED_EINVAL_RESET, ""},
+        {"a count above the maximum resets an append", cat, "ab", 5, "c", BOUNDED_MAX_LEN + 1,
+         BOUNDED_ERANGE_RESET, ""},
+        {"a destination with no terminator within destMax resets", cat, "abcde", 5, "x", 0,
+         BOUNDED_EINVAL_RESET, ""},
+        {"strcpy_s copies a text that fits", StrcpyS, nullptr, 5, "abcd", 0, BOUNDED_OK, "abcd"},
+        {"strcpy_s refuses a text one byte too long", StrcpyS, nullptr, 5, "abcde", 0, BOUNDED_ERANGE_RESET,
+         ""},
+        {"strcpy_s resets on a null source", StrcpyS, nullptr, 5, nullptr, 0, BOUNDED_EINVAL_RESET, ""},
     };
-    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
-        const auto& c = cases[i];
-        SCOPED_TRACE("row " + std::to_string(i));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.rule);
         Area dest(c.destMax, c.initial);
         EXPECT_EQ(c.function(dest.data(), c.destMax, c.src, c.count), c.code);
         EXPECT_EQ(dest.Text(), c.result);

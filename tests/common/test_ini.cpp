@@ -44,27 +44,35 @@ class Ini : public ::testing::Test {
 TEST_F(Ini, FindsTheValueOnTheKeysLine) {
     const std::string longName(200, 'n'), longValue = "[S]\nV=" + std::string(1500, 'v') + "\nW=2\n";
     const struct {
+        const char* rule;
         std::string content, section, key;
         std::string value, valueEx; // "-" is the default; ReadStringEx keeps leading blanks
     } cases[] = {
-        {"[S]\r\nK= v \r\n", "S", "K", "v", " v"},
-        {"\n[S]\r\n\r\n\nK=v", "S", "K", "v", "v"}, // empty lines, no final line feed
-        {"[S]\rK=v\r", "S", "K", "-", "-"},         // a lone CR is dropped, not a line end
-        {"", "S", "K", "-", "-"},
-        {"[S]\nK=first\nK=second\n", "S", "K", "first", "first"},
-        {"[S]\nKX=prefix\nXK=suffix\nK=k\n", "S", "K", "k", "k"},
-        {"[S]\nE=a=b=c\nB=[x] y\n", "S", "E", "a=b=c", "a=b=c"},
-        {"[S]\nBare\n", "S", "Bare", "", ""},
-        {"[S]\n\tT=tab\n", "S", "T", "-", "-"},             // a tab is not a blank
-        {"[M]\nNote=see x[S]y\nA=1\n", "S", "A", "1", "1"}, // the header anywhere in a line
-        {"[S]\nX=1\n[O]\nA=1\n", "S", "A", "-", "-"},       // a line with both brackets ends a section
-        {"[S]\nx [ y\n] z\nA=1\n", "S", "A", "1", "1"},     // one bracket does not
-        {"[" + longName + "]\nA=1\n", longName, "A", "1", "1"},
-        {std::string(1030, 'x') + "[S]\nA=1\n", "S", "A", "-", "-"}, // the cut-off rest is skipped
-        {longValue, "S", "V", std::string(1021, 'v'), std::string(1021, 'v')},
+        {"blanks around a value: trimmed by ReadString only, CR LF ends a line", "[S]\r\nK= v \r\n", "S", "K",
+         "v", " v"},
+        {"empty lines are skipped and a last line needs no line feed", "\n[S]\r\n\r\n\nK=v", "S", "K", "v",
+         "v"},
+        {"a lone CR is dropped, not a line end", "[S]\rK=v\r", "S", "K", "-", "-"},
+        {"an empty file has no section", "", "S", "K", "-", "-"},
+        {"the first of two equal keys counts", "[S]\nK=first\nK=second\n", "S", "K", "first", "first"},
+        {"a key must be the whole name before the equals sign", "[S]\nKX=prefix\nXK=suffix\nK=k\n", "S", "K",
+         "k", "k"},
+        {"the value runs to the line's end, equals signs included", "[S]\nE=a=b=c\nB=[x] y\n", "S", "E",
+         "a=b=c", "a=b=c"},
+        {"a key line without an equals sign has the empty value", "[S]\nBare\n", "S", "Bare", "", ""},
+        {"a tab is not a blank", "[S]\n\tT=tab\n", "S", "T", "-", "-"},
+        {"the section header may stand anywhere in a line", "[M]\nNote=see x[S]y\nA=1\n", "S", "A", "1", "1"},
+        {"a line with both brackets ends a section", "[S]\nX=1\n[O]\nA=1\n", "S", "A", "-", "-"},
+        {"one bracket does not end a section", "[S]\nx [ y\n] z\nA=1\n", "S", "A", "1", "1"},
+        {"a long section name is found by its cut pattern", "[" + longName + "]\nA=1\n", longName, "A", "1",
+         "1"},
+        {"the cut-off rest of a long line is skipped", std::string(1030, 'x') + "[S]\nA=1\n", "S", "A", "-",
+         "-"},
+        {"a long value is cut to the line's capacity", longValue, "S", "V", std::string(1021, 'v'),
+         std::string(1021, 'v')},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.content.substr(0, 40) + " key " + c.key);
+        SCOPED_TRACE(c.rule);
         Use(c.content);
         EXPECT_EQ(ReadString(c.section.c_str(), c.key.c_str(), "-"), c.value);
         EXPECT_EQ(ReadStringEx(c.section.c_str(), c.key.c_str(), "-"), c.valueEx);

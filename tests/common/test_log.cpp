@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <thread>
@@ -118,6 +119,49 @@ TEST(Log, WritesOnlyARegularFileNeverThroughALink) {
     EXPECT_EQ(ParseWhole(ReadFile(log).substr(10000000)).size(), 1u);
     write("one line");
     EXPECT_EQ(ParseWhole(ReadFile(log)).size(), 1u);
+}
+
+// A hard link to a file of the user's, planted at the log's path, is refused like a
+// symbolic one: the file is neither emptied nor appended to.
+TEST(Log, WritesNoFileThatHasAnotherName) {
+    TempDir dir;
+    const std::string log = dir / "Kestrun.log", big = dir / "big", small = dir / "small";
+    WriteFile(big, "");
+    ASSERT_EQ(truncate(big.c_str(), 10000100), 0);
+    WriteFile(small, "mine\n");
+    for (const std::string& file : {big, small}) {
+        ASSERT_EQ(link(file.c_str(), log.c_str()), 0);
+        InitLogSystem(log.c_str());
+        Log("main", "f", "through a hard link");
+        CloseLogSystem();
+        ASSERT_EQ(remove(log.c_str()), 0);
+    }
+    EXPECT_EQ(fs::file_size(big), 10000100u);
+    EXPECT_EQ(ReadFile(small), "mine\n");
+}
+
+// With standard output closed, the log must not take descriptor 1: what the progress
+// window prints would otherwise land in the log.
+TEST(Log, NeverTakesAStandardStream) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    TempDir dir;
+    const std::string log = dir / "Kestrun.log";
+    auto run = [&] {
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO); // descriptor 1 is the lowest free one
+        close(STDOUT_FILENO);
+        InitLogSystem(log.c_str());
+        Log("main", "f", "opens the log");
+        printf("Copy package to local...\n");
+        fflush(stdout);
+        Log("main", "f", "after the message");
+        CloseLogSystem();
+        std::string text = ReadFile(log);
+        fprintf(stderr, "%zu lines%s", ParseLog(text).size(),
+                text.find("Copy package") != std::string::npos ? ", the message among them" : "");
+        fs::remove_all(dir.path); // _exit skips the destructor
+        _exit(0);
+    };
+    EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "^2 lines$");
 }
 
 TEST(Log, LongMessagesAreCutAndPercentSignsWrittenAsTheyStand) {

@@ -6,6 +6,8 @@
 #include <pugixml.hpp>
 
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstdio>
 #include <algorithm>
@@ -121,6 +123,31 @@ bool ReadPng(const std::string& path, Picture* picture) {
     return png_image_finish_read(&image, nullptr, picture->rgba.data(), 0, nullptr) != 0;
 }
 
+// The window's content: the rectangle of the dialog background below the title bar, found
+// down a column near the left edge and along a row just inside the content; the border
+// is as wide at the bottom and on the right as on the left.
+Picture Content(const Picture& window, int* contentLeft = nullptr, int* contentTop = nullptr) {
+    auto background = [&](int x, int y) {
+        const unsigned char* p = window.At(x, y);
+        return p[0] == 0xF6 && p[1] == 0xF5 && p[2] == 0xF4;
+    };
+    int top = 0, left = 0;
+    while (top < window.height && !(window.width > 12 && background(12, top)))
+        top++;
+    while (top + 2 < window.height && left < window.width / 2 && !background(left, top + 2))
+        left++;
+    if (contentLeft && contentTop) {
+        *contentLeft = left;
+        *contentTop = top;
+    }
+    Picture content;
+    content.width = std::max(0, window.width - 2 * left);
+    content.height = std::max(0, window.height - top - left);
+    for (int y = top; y < top + content.height; ++y)
+        content.rgba.insert(content.rgba.end(), window.At(left, y), window.At(left, y) + content.width * 4);
+    return content;
+}
+
 // A control's frame (or a window's size) in the launcher's nib.
 struct Frame {
     int x, y, width, height;
@@ -177,7 +204,7 @@ class LauncherWindowTest : public testing::Test {
         app = root + "/Applications/Vantorel.app";
         fs::create_directories(fs::path(bundle).parent_path());
         fs::copy(KESTRUN_BUILD_DIR "/Launcher.app", bundle, fs::copy_options::recursive);
-        ASSERT_TRUE(fs::exists(bundle + "/Contents/MacOS/Launcher"));
+        ASSERT_TRUE(fs::exists(bundle + "/Contents/Linux/Launcher"));
         WriteFile(bundle + "/Contents/AutoSetup", "#!/bin/sh\nexit 0\n", true);
         // The installer script installs the staged package's record as the application.
         WriteFile(bundle + "/Contents/run_local_kestrun",
@@ -229,8 +256,10 @@ class LauncherWindowTest : public testing::Test {
         return testing::AssertionSuccess();
     }
 
-    // A screenshot into the build tree about 0.3 s after the window mapped.
-    static Picture Photograph(unsigned long window, const std::string& name) {
+    // A screenshot into the build tree about 0.3 s after the window mapped, and the window's
+    // content without its title bar and border: what the nib lays out.
+    static Picture Photograph(unsigned long window, const std::string& name, int* left = nullptr,
+                              int* top = nullptr) {
         Sleep(300);
         std::string path = KESTRUN_BUILD_DIR "/gtk-shots/" + name;
         fs::create_directories(fs::path(path).parent_path());
@@ -238,7 +267,7 @@ class LauncherWindowTest : public testing::Test {
         Shell("import -window " + std::to_string(window) + " '" + path + "'", &status);
         Picture picture;
         EXPECT_TRUE(status == 0 && ReadPng(path, &picture)) << path;
-        return picture;
+        return Content(picture, left, top);
     }
 
     TempDir dir_;
@@ -253,7 +282,7 @@ int BluePixels(const Picture& shot, Frame frame) {
     return Count(shot, frame, [](const unsigned char* p) { return p[2] > 150 && p[2] > p[0] + 60; });
 }
 
-// Return is Yes wherever Tab moved the focus: the box goes, the progress window's
+// Return is Yes once Tab Tab brought the focus round to it again: the box goes, the progress window's
 // modal loop runs inside the button's handler while the copy runs, and "clos" from
 // the worker takes it down.
 TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
@@ -293,11 +322,16 @@ TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     EXPECT_EQ(OpenLog(), "") << "Yes on a disc hands over to the installer script";
 }
 
-// No by pointer, Escape and Ctrl-. (the cancel button) start the installed copy; so does
-// Escape in the German box.
+// No by pointer, Escape and Ctrl-. (the cancel button), and Return once Tab moved the focus to
+// it, start the installed copy; so does Escape in the German box.
 TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
     Versions(5, 4);
-    for (const std::string answer : {"pointer", "Escape", "ctrl+period", "German Escape"}) {
+    for (const auto& [answer, keys] :
+         std::vector<std::pair<std::string, std::string>>{{"pointer", ""},
+                                                          {"Escape", "Escape"},
+                                                          {"Ctrl-.", "ctrl+period"},
+                                                          {"Tab to No, Return", "Tab Return"},
+                                                          {"German Escape", "Escape"}}) {
         SCOPED_TRACE(answer);
         fs::remove(root + "/open.log");
         fs::remove(kLogFile);
@@ -306,12 +340,15 @@ TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
         unsigned long box = WaitForWindow(answer == "German Escape" ? kGermanBoxTitle : kBoxTitle);
         ASSERT_NE(box, 0u) << Output();
         Frame no = NibFrame("MessageBox_Installed", "NO11");
-        if (answer == "pointer")
+        int left = 0, top = 0;
+        if (keys.empty()) {
+            Photograph(box, "question-box-pointer.png", &left, &top);
             Shell("xdotool mousemove --window " + std::to_string(box) + " " +
-                  std::to_string(no.x + no.width / 2) + " " + std::to_string(no.y + no.height / 2) +
-                  " click 1");
-        else
-            PressKeys(box, answer.substr(answer.find(' ') + 1));
+                  std::to_string(left + no.x + no.width / 2) + " " +
+                  std::to_string(top + no.y + no.height / 2) + " click 1");
+        } else {
+            PressKeys(box, keys);
+        }
 
         EXPECT_EQ(Finish(), 0) << Output();
         EXPECT_EQ(OpenLog(), "-a " + app + "\n");
@@ -349,6 +386,57 @@ TEST_F(LauncherWindowTest, WarningBoxYesAndCloseBoxStartTheApplication) {
     }
 }
 
+// Under openbox, which offers minimise and close whatever Motif's functions say, the
+// window manager draws no title bar with buttons of its own: GTK draws the title and the
+// close box alone, none on the progress window. A box minimised anyway comes back.
+TEST_F(LauncherWindowTest, OpenboxOffersNoMinimiseMaximiseOrProgressClose) {
+    pid_t openbox = fork();
+    if (openbox == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int quiet = open("/dev/null", O_WRONLY);
+        dup2(quiet, 1);
+        dup2(quiet, 2);
+        execlp("openbox", "openbox", "--sm-disable", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(openbox, 0);
+    struct Stop {
+        pid_t pid;
+        ~Stop() {
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
+        }
+    } stop{openbox};
+    if (!Within(10000, [] {
+            return Shell("xprop -root _NET_SUPPORTING_WM_CHECK").find("window id") != std::string::npos;
+        }))
+        GTEST_SKIP() << "openbox did not start here (is the package openbox installed?)";
+
+    Versions(5, 4);
+    Start();
+    unsigned long box = WaitForWindow(kBoxTitle);
+    ASSERT_NE(box, 0u) << Output();
+    auto managedWithoutFrame = [](unsigned long window) {
+        return Within(5000, [&] {
+            return Property(window, "_NET_FRAME_EXTENTS").find("= 0, 0, 0, 0") != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(managedWithoutFrame(box)) << Property(box, "_NET_FRAME_EXTENTS");
+    Picture shot = Photograph(box, "question-box-openbox.png");
+    EXPECT_EQ(shot.width, NibFrame("MessageBox_Installed").width);
+    Shell("xdotool windowminimize " + std::to_string(box));
+    Sleep(500);
+    EXPECT_TRUE(Within(5000, [&] { return FindWindow(kBoxTitle) == box; }))
+        << "the minimised box stayed hidden";
+
+    PressKeys(box, "Return");
+    unsigned long progress = WaitForWindow(kProgressTitle);
+    ASSERT_NE(progress, 0u) << Output();
+    EXPECT_TRUE(managedWithoutFrame(progress)) << Property(progress, "_NET_FRAME_EXTENTS");
+    WriteFile(root + "/release-copy", "");
+    EXPECT_EQ(Finish(), 0) << Output();
+}
+
 // A message longer than its frame grows the box, moving the buttons down: no line is cut.
 TEST_F(LauncherWindowTest, LongMessageGrowsTheBox) {
     std::string text;
@@ -376,6 +464,93 @@ TEST_F(LauncherWindowTest, LongMessageGrowsTheBox) {
     PressKeys(box, "Escape");
     EXPECT_EQ(Finish(), 0) << Output();
     EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+}
+
+// A caption longer than its button grows the box: the button keeps the nib's distance to
+// the right edge, and the message widens with the box, keeping its own margin.
+TEST_F(LauncherWindowTest, LongCaptionWidensTheBoxAndKeepsItsMargins) {
+    const std::string nib = bundle + "/Contents/Resources/en.lproj/main.nib/objects.xib";
+    std::string text = ReadFile(nib);
+    const std::string from = "<string name=\"title\">Install</string>";
+    for (size_t at; (at = text.find(from)) != std::string::npos;)
+        text.replace(at, from.size(),
+                     "<string name=\"title\">Install the new version over the old one now</string>");
+    WriteFile(nib, text);
+    Versions(5, 4);
+    Start();
+    unsigned long box = WaitForWindow(kBoxTitle);
+    ASSERT_NE(box, 0u) << Output();
+    Picture shot = Photograph(box, "question-box-long-caption.png");
+    Frame size = NibFrame("MessageBox_Installed"), yes = NibFrame("MessageBox_Installed", "YES1"),
+          message = NibFrame("MessageBox_Installed", "MSG1");
+    ASSERT_GT(shot.width, size.width + 40) << "the box did not grow for the caption";
+    int rightmostBlue = -1;
+    for (int y = yes.y; y < yes.y + yes.height && y < shot.height; ++y)
+        for (int x = 0; x < shot.width; ++x)
+            if (BluePixels(shot, Frame{x, y, 1, 1}) > 0)
+                rightmostBlue = std::max(rightmostBlue, x);
+    EXPECT_NEAR(shot.width - 1 - rightmostBlue, size.width - (yes.x + yes.width), 2)
+        << "the default button lost its margin to the right edge";
+    int textRight = message.x + message.width, margin = size.width - textRight;
+    EXPECT_GT(Count(shot, Frame{textRight, message.y, shot.width - margin - textRight, message.height}, Ink),
+              30)
+        << "the message did not widen with the box";
+    EXPECT_EQ(Count(shot, Frame{shot.width - margin + 2, message.y, margin - 2, message.height}, Ink), 0)
+        << "the message runs into its right margin";
+    PressKeys(box, "Escape");
+    EXPECT_EQ(Finish(), 0) << Output();
+}
+
+// Chinese breaks between any two characters: whatever the number of characters per line,
+// the message never ends with one character alone on its last line. The lengths tried
+// make the last of three lines hold one character for 20 to 36 characters a line.
+TEST_F(LauncherWindowTest, ChineseLeavesNoLoneCharacter) {
+    if (Shell("fc-list :lang=zh family").empty())
+        GTEST_SKIP() << "no Chinese font here (Debian package fonts-wqy-microhei)";
+    Versions(5, 4);
+    const std::string strings = bundle + "/Contents/Resources/zh_CN.lproj/custom.strings";
+    Frame message = NibFrame("MessageBox_Installed", "MSG1"), yes = NibFrame("MessageBox_Installed", "YES1");
+    for (int length = 41; length <= 73; length += 2) {
+        std::string text;
+        for (int i = 0; i < length; ++i)
+            text += "\xE5\xAE\x89"; // a character of "install"
+        WriteFile(strings, "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" +
+                               text + "\";\n");
+        fs::remove(root + "/open.log");
+        setenv("LANG", "zh_CN.UTF-8", 1);
+        Start();
+        setenv("LANG", "C.UTF-8", 1);
+        // Found by its class: the Chinese title is in _NET_WM_NAME alone, which xdotool does not search.
+        unsigned long box = 0;
+        Within(kWindowWaitMs, [&] {
+            return (box = std::strtoul(Shell("xdotool search --onlyvisible --class '^Launcher$'").c_str(),
+                                       nullptr, 10)) != 0;
+        });
+        ASSERT_NE(box, 0u) << Output();
+        Picture shot = Photograph(box, "question-box-chinese.png");
+        // The last line's ink: a lone character is about as wide as it is high.
+        int last = -1, first = -1, left = shot.width, right = -1;
+        for (int y = yes.y + shot.height - NibFrame("MessageBox_Installed").height - 1; y >= message.y; --y) {
+            bool ink = Count(shot, Frame{message.x, y, shot.width - message.x, 1}, Ink) > 0;
+            if (ink && last < 0)
+                last = y;
+            if (!ink && last >= 0) {
+                first = y + 1;
+                break;
+            }
+        }
+        ASSERT_GE(last, 0) << length;
+        for (int y = first; y <= last; ++y)
+            for (int x = message.x; x < shot.width; ++x)
+                if (Ink(shot.At(x, y))) {
+                    left = std::min(left, x);
+                    right = std::max(right, x);
+                }
+        EXPECT_GT(right - left + 1, 3 * (last - first + 1) / 2)
+            << length << " characters end with a lone one";
+        PressKeys(box, "Escape");
+        EXPECT_EQ(Finish(), 0) << Output();
+    }
 }
 
 // A display that goes away: the question box answers as its close box; behind the
@@ -414,6 +589,95 @@ TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {
             EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
         }
     }
+}
+
+// A listening socket that takes connections and never answers, at path; its descriptor.
+int SilentServer(const std::string& path) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 8) != 0) {
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A display that takes the connection and never answers, X server or compositor: after
+// the first contact's time limit the windows fall back as when none can be made, and the
+// question box counts as its close box.
+TEST_F(LauncherWindowTest, SilentDisplayIsNoDisplay) {
+    Versions(5, 4);
+    int number = 500;
+    while (fs::exists("/tmp/.X11-unix/X" + std::to_string(number)))
+        number++;
+    const std::string xSocket = "/tmp/.X11-unix/X" + std::to_string(number),
+                      compositor = root + "/wayland-silent";
+    fs::create_directories("/tmp/.X11-unix");
+    for (const auto& [name, socketPath, display, waylandDisplay] :
+         std::vector<std::tuple<std::string, std::string, std::string, std::string>>{
+             {"X server", xSocket, ":" + std::to_string(number), ""},
+             {"compositor", compositor, "", compositor}}) {
+        SCOPED_TRACE(name);
+        fs::remove(root + "/open.log");
+        fs::remove(kLogFile);
+        int server = SilentServer(socketPath);
+        ASSERT_GE(server, 0) << socketPath;
+        launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, [&] {
+            setenv("DISPLAY", display.c_str(), 1);
+            setenv("WAYLAND_DISPLAY", waylandDisplay.c_str(), 1);
+        });
+        EXPECT_EQ(Finish(), 0) << "the launcher waited for the silent display\n" << Output();
+        close(server);
+        fs::remove(socketPath);
+        EXPECT_TRUE(LogHas({"CreateWindowFromNib failed", "AutoRunApplication end......"}));
+        EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+    }
+}
+
+// Under a Wayland compositor (weston, headless) the box is a Wayland window; a compositor
+// that goes away is its close box, and the launcher goes on to start the installed copy.
+TEST_F(LauncherWindowTest, WaylandWindowAndLostCompositor) {
+    Versions(5, 4);
+    const std::string runtime = root + "/runtime", socket = runtime + "/wayland-kestrun";
+    fs::create_directories(runtime);
+    fs::permissions(runtime, fs::perms::owner_all, fs::perm_options::replace);
+    pid_t weston = fork();
+    if (weston == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+        int quiet = open("/dev/null", O_WRONLY);
+        dup2(quiet, 1);
+        dup2(quiet, 2);
+        execlp("weston", "weston", "--backend=headless-backend.so", "--socket=wayland-kestrun",
+               "--idle-time=0", "--shell=desktop-shell.so", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(weston, 0);
+    if (!Within(10000, [&] { return fs::exists(socket); })) {
+        kill(weston, SIGKILL);
+        waitpid(weston, nullptr, 0);
+        GTEST_SKIP() << "weston's headless backend did not start here (is the package weston installed?)";
+    }
+    launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, [&] {
+        unsetenv("DISPLAY");
+        setenv("WAYLAND_DISPLAY", socket.c_str(), 1);
+        setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+        setenv("WAYLAND_DEBUG", "client", 1); // the protocol on standard error: the window's title
+    });
+    EXPECT_TRUE(Within(kWindowWaitMs, [&] {
+        return Output().find("set_title(\"" + kBoxTitle + "\")") != std::string::npos;
+    })) << "no Wayland window for the box";
+    Sleep(300);
+    kill(weston, SIGKILL);
+    waitpid(weston, nullptr, 0);
+    EXPECT_EQ(Finish(), 0) << Output().substr(0, 2000);
+    EXPECT_EQ(OpenLog(), "-a " + app + "\n");
+    EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
+    EXPECT_FALSE(LogHas({"CreateWindowFromNib failed"}));
 }
 
 // A run that shows no window never loads GTK, even under a display. With both

@@ -11,6 +11,19 @@ expect() { # <description> <command...>: the command must succeed
   "$@" || fail "$what"
 }
 
+# A folder of links to every command on PATH but the ones named: a PATH without them.
+path_without() { # <folder> <command...>
+  local folder=$1 dir tool; shift
+  mkdir -p "$folder"
+  local IFS=:
+  for dir in $PATH; do
+    for tool in "$dir"/*; do
+      case " $* " in *" ${tool##*/} "*) continue ;; esac
+      [ -e "$folder/${tool##*/}" ] || ln -s "$tool" "$folder/${tool##*/}"
+    done
+  done
+}
+
 keep_fixed_paths() {
   mkdir -p "$tmp/kept"
   local i=0

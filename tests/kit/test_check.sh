@@ -23,6 +23,13 @@ traps=(
   "key in another case|[System]\nvrversion=2\nBuildVersion=1\nDebugVersion=1\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\n$app|VRVersion is missing"
   "missing VALUE|$versions[APP_PATH]\nRUN_PROCESS_DLG=yes\n|VALUE is missing"
   "version not a whole number|[System]\nVRVersion=2.5\nBuildVersion=1\nDebugVersion=1\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\n$app|it reads as 2"
+  "key in another case, the cause|[System]\nvrversion=2\nBuildVersion=1\nDebugVersion=1\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\n$app|written \"vrversion\""
+  "a tab before a key|[System]\n\tVRVersion=2\nBuildVersion=1\nDebugVersion=1\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\n$app|VRVersion is missing from [System] (a tab before it"
+  "a key after a line that ends the section|[System]\nBuildVersion=1\nDebugVersion=1\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\nNote=[old]\nVRVersion=2\n$app|which holds both [ and ]"
+  "blanks around a section name|[ System ]\nVRVersion=2\nBuildVersion=1\nDebugVersion=1\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\n$app|[System] not found (the header \"[ System ]\" has a blank or tab"
+  "a section name in another case|$versions[app_path]\nVALUE=/Applications/Vantorel.app\n|[APP_PATH] not found (the header \"[app_path]\" is in another case"
+  "a section missing|$versions|section [APP_PATH] not found (no line holds"
+  "a byte-order mark|\xef\xbb\xbf$versions$app|byte-order mark"
   "both layout fields 0|[System]\nVRVersion=2\nBuildVersion=1\nDebugVersion=0\nSPVersion=0\nCustomizeVersion=0\nMajorVersion=0\n$app|both 0"
 )
 
@@ -41,14 +48,27 @@ for row in "${traps[@]}"; do
     fail "$what: no warning \"$expected\":"$'\n'"$output"
 done
 
+# UTF-16 text reads as nothing at all: the cause is named, not six missing keys.
+printf "$versions$app" | iconv -f UTF-8 -t UTF-16 > "$tmp/utf16.dat"
+output=$("$check" "$tmp/utf16.dat")
+grep -q '^warning: the file is UTF-16' <<<"$output" || fail "UTF-16: the cause is not named: $output"
+grep -q 'VRVersion is missing' <<<"$output" && fail "UTF-16: each key named missing: $output"
+
+# Garbage is read as the launcher reads it: warnings, no crash.
+head -c 65536 /dev/urandom > "$tmp/garbage.dat"
+status=0
+"$check" "$tmp/garbage.dat" > "$tmp/out" 2>&1 || status=$?
+[ "$status" -eq 1 ] || fail "garbage: status $status: $(tail -n 3 "$tmp/out")"
+
 # The whole package or its file; a file that cannot be read ends the check with status 2.
 mkdir -p "$tmp/Vantorel.mpkg/Contents/Resources"
 cp "$tmp/clean.dat" "$tmp/Vantorel.mpkg/Contents/Resources/SysConfig.dat"
 "$check" "$tmp/Vantorel.mpkg" > /dev/null || fail "a package folder is not read"
 mkfifo "$tmp/fifo.dat"
-mkdir -p "$tmp/empty.mpkg"
-for unreadable in "$tmp/missing.dat" "$tmp/fifo.dat" "$tmp/empty.mpkg"; do
+mkdir -p "$tmp/empty.mpkg" "$tmp/folder.mpkg/Contents/Resources/SysConfig.dat"
+for unreadable in "$tmp/missing.dat" "$tmp/fifo.dat" "$tmp/empty.mpkg" "$tmp/folder.mpkg"; do
   status=0
-  timeout 5 "$check" "$unreadable" > /dev/null 2>&1 || status=$?
+  timeout 5 "$check" "$unreadable" > "$tmp/out" 2>&1 || status=$?
   [ "$status" -eq 2 ] || fail "$unreadable: status $status"
 done
+grep -q 'SysConfig.dat: a folder, not a file' "$tmp/out" || fail "a folder in the file's place: $(cat "$tmp/out")"

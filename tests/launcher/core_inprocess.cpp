@@ -146,22 +146,26 @@ TEST_F(Core, ModulePath) {
                       escaped = UseBundle("My Disc/100%41 #1/L.app"), longest = UseBundle(deep + "/L.app"),
                       blanks = UseBundle(blank + "/" + blank + "/" + blank + "/" + blank + "/" + blank + "/" +
                                          blank + "/L.app"),
-                      exe = "/Contents/MacOS/Launcher";
-    for (const auto& [release, executable, size, path] :
-         std::vector<std::tuple<const char*, std::string, int, std::string>>{
-             {"10.8.0", nested + exe, 1024, nested},
-             {"10.8.0", nested + exe, 11, nested.substr(0, 10)},
-             {"10.8.0", dir_ / "Launcher", 1024, ""},
-             {"10.8.0", longest + exe, 1024, ""},
-             {"10.8.0", nested + exe, 0, ""},
-             {"8.11.1", escaped + exe, 1024, escaped},
-             {"8.11.1", escaped + exe, 8, escaped.substr(0, 7)},
-             {"8.11.1", longest + exe, 1024, longest},
-             {"8.11.1", blanks + exe, 1024, blanks.substr(0, 1023)}}) {
+                      exe = "/Contents/Linux/Launcher";
+    for (const auto& [rule, release, executable, size, path] :
+         std::vector<std::tuple<const char*, const char*, std::string, int, std::string>>{
+             {"the last /Contents of the program's path ends the bundle", "10.8.0", nested + exe, 1024,
+              nested},
+             {"a path longer than the buffer is cut", "10.8.0", nested + exe, 11, nested.substr(0, 10)},
+             {"a program outside a bundle has no bundle path", "10.8.0", dir_ / "Launcher", 1024, ""},
+             {"a program path beyond 255 bytes is not read", "10.8.0", longest + exe, 1024, ""},
+             {"a buffer of no bytes is refused", "10.8.0", nested + exe, 0, ""},
+             {"before 10.5 the bundle's URL is decoded", "8.11.1", escaped + exe, 1024, escaped},
+             {"before 10.5 a decoded path is cut to the buffer", "8.11.1", escaped + exe, 8,
+              escaped.substr(0, 7)},
+             {"before 10.5 a long URL is read whole", "8.11.1", longest + exe, 1024, longest},
+             {"before 10.5 a path past the buffer is cut", "8.11.1", blanks + exe, 1024,
+              blanks.substr(0, 1023)}}) {
+        SCOPED_TRACE(rule);
         PlatSetOSRelease(release);
         PlatSetExecutablePath(executable.c_str());
         char buffer[1024] = {};
-        EXPECT_EQ(!path.empty(), GetModulePath(buffer, size)) << executable << " " << size;
+        EXPECT_EQ(!path.empty(), GetModulePath(buffer, size));
         EXPECT_EQ(path, buffer);
         EXPECT_EQ(std::string(sizeof buffer - path.size(), '\0'),
                   std::string(buffer + path.size(), sizeof buffer - path.size()));

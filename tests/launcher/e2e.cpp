@@ -187,12 +187,14 @@ TEST_F(EndToEnd, DashboardInstall) {
 }
 
 // An installed copy older than the package: the question box, on a terminal or nowhere. Typed
-// answers: a caption in any case (beyond ASCII too, in German) and with blanks, its first
-// letter, Return for the default, Escape for the cancel button; anything else asks again.
+// answers: a caption in any case (beyond ASCII too, in German and Japanese) and with blanks, its
+// first letter, Return for the default, Escape (or a key whose sequence starts with it) for the
+// cancel button; anything else asks again.
 // End of input and a terminal that hangs up are the close box; the launcher ends as always.
 TEST_F(EndToEnd, QuestionBox) {
     const std::string german = "Geben Sie den Namen einer Schaltfl\xC3\xA4"
                                "che";
+    const std::string japanese = "\xE3\x83\x9C\xE3\x82\xBF\xE3\x83\xB3"; // "button"
     Install(SysConfig(2, 0, 1, 0, 0, 0));
     for (const auto& [name, terminal, answer, installs] :
          std::vector<std::tuple<std::string, bool, std::string, bool>>{
@@ -205,12 +207,17 @@ TEST_F(EndToEnd, QuestionBox) {
               "FFNEN\n",
               false},
              {"escape", true, "\x1b", false},
+             {"arrow key", true, "i\x1b[A", false}, // a key's sequence starts with Escape
+             {"Japanese", true, "\xE3\x82\xA4\xE3\x83\xB3\xE3\x82\xB9\xE3\x83\x88\xE3\x83\xBC\xE3\x83\xAB\n",
+              true},
              {"end of input", true, "\x04", false},
              {"hang-up", true, kHangUp, false}}) {
         SCOPED_TRACE(name);
         fs::remove_all(kStaged);
-        setenv("LANG", name == "German" ? "de_DE.UTF-8" : "C.UTF-8", 1);
-        const std::string prompt = name == "German" ? german : "Type the name of a button";
+        setenv("LANG", name == "German" ? "de_DE.UTF-8" : name == "Japanese" ? "ja_JP.UTF-8" : "C.UTF-8", 1);
+        const std::string prompt = name == "German"     ? german
+                                   : name == "Japanese" ? japanese
+                                                        : "Type the name of a button";
         RunResult run = Launch(Disc("Volumes/" + name + "/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)),
                                terminal, terminal ? prompt : "", answer);
         int failed = FindMessage(run.log, "CreateWindowFromNib failed");
@@ -281,4 +288,30 @@ TEST_F(EndToEnd, RefusedGtkModuleIsAsNoWindow) {
     EXPECT_TRUE(failed >= 0 && run.log[failed].function == "MessageBox") << run.output;
     EXPECT_LT(FindMessage(run.log, "AutoInstallPkg Enter"), 0) << run.output;
     EXPECT_TRUE(Within(5000, [&] { return fs::exists(started_); })) << run.output;
+}
+
+// Standard output a pipe whose reader has gone: the progress window's messages are lost
+// instead of ending the launcher, and the commands it runs still start with SIGPIPE at its
+// default, neither ignored nor caught.
+TEST_F(EndToEnd, ProgressMessagesIntoAClosedPipe) {
+    fs::remove_all(kStaged);
+    fs::remove_all(kAutoSetupCopy);
+    fs::remove(report_);
+    std::string bundle = Disc("Volumes/pipe/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_, "yes"));
+    WriteFile(bundle + "/Contents/run_local_kestrun",
+              "#!/bin/sh\nsed -n 's/^SigIgn:[[:space:]]*//p' /proc/$$/status > '" + report_ + "'\n", true);
+    pid_t child = StartLauncher(bundle, bin_, temp_ / "out.txt", nullptr, [] {
+        unsetenv("DISPLAY");
+        unsetenv("WAYLAND_DISPLAY");
+        int ends[2];
+        if (pipe(ends) == 0) {
+            close(ends[0]);
+            dup2(ends[1], STDOUT_FILENO);
+        }
+    });
+    EXPECT_EQ(0, FinishLauncher(child, 60)) << "128 + 13: ended by SIGPIPE\n" << ReadFile(temp_ / "out.txt");
+    EXPECT_TRUE(fs::exists(kStaged));
+    const std::string ignored = ReadFile(report_);
+    ASSERT_FALSE(ignored.empty()) << "the installer script did not run";
+    EXPECT_EQ(0u, std::stoull(ignored, nullptr, 16) & (1ull << (SIGPIPE - 1))) << "SigIgn " << ignored;
 }

@@ -94,7 +94,7 @@ inline pid_t StartLauncher(const std::string& bundle, const std::string& bin, co
         setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
         if (setup)
             setup();
-        const std::string program = bundle + "/Contents/MacOS/Launcher";
+        const std::string program = bundle + "/Contents/Linux/Launcher";
         execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
@@ -166,8 +166,8 @@ class InProcess : public ::testing::Test {
     }
     std::string UseBundle(const std::string& relative) {
         std::string bundle = dir_ / relative;
-        WriteFile(bundle + "/Contents/MacOS/Launcher", "");
-        PlatSetExecutablePath((bundle + "/Contents/MacOS/Launcher").c_str());
+        WriteFile(bundle + "/Contents/Linux/Launcher", "");
+        PlatSetExecutablePath((bundle + "/Contents/Linux/Launcher").c_str());
         return bundle;
     }
     // The log lines written since the last take.

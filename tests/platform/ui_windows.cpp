@@ -258,7 +258,7 @@ TEST(Nibs, FoundThroughTheUsersLanguage) {
 // controls, in its own words, and each string table the dialog texts.
 TEST(Nibs, BundleHasEveryLanguage) {
     PlatSetBackend("scripted");
-    PlatSetExecutablePath(KESTRUN_BUILD_DIR "/Launcher.app/Contents/MacOS/Launcher");
+    PlatSetExecutablePath(KESTRUN_BUILD_DIR "/Launcher.app/Contents/Linux/Launcher");
     // The window titles and button captions in nib order, then the dialog texts.
     auto read = [](const char* lang) {
         UseLanguage(lang);

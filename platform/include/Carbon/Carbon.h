@@ -55,18 +55,11 @@ typedef struct HICommand {
     } menu;
 } HICommand;
 
-enum {
-    kEventClassCommand = 'cmds',
-    kEventClassControl = 'cntl',
-    kEventClassWindow = 'wind'
-};
+enum { kEventClassCommand = 'cmds', kEventClassControl = 'cntl', kEventClassWindow = 'wind' };
 enum { kEventCommandProcess = 1 };
 enum { kEventControlHit = 1 };
 enum { kEventWindowClose = 72 };
-enum {
-    kEventParamDirectObject = '----',
-    kEventParamPostTarget = 'ptrg'
-};
+enum { kEventParamDirectObject = '----', kEventParamPostTarget = 'ptrg' };
 enum {
     typeControlRef = 'ctrl',
     typeWindowRef = 'wind',
@@ -126,7 +119,7 @@ typedef struct ControlID {
 } ControlID;
 typedef ControlID HIViewID;
 
-enum { kControlEditTextPart = 5 };
+enum { kControlEntireControl = 0, kControlEditTextPart = 5 };
 enum { kControlStaticTextCFStringTag = 'cfst' };
 
 OSStatus CreateNibReference(CFStringRef inNibName, IBNibRef* outNibRef);

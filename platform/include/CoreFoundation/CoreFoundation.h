@@ -24,6 +24,8 @@ enum { kCFStringEncodingMacRoman = 0, kCFStringEncodingASCII = 0x0600, kCFString
 
 CFTypeRef CFRetain(CFTypeRef cf);
 void CFRelease(CFTypeRef cf);
+/* Strings are equal by their characters, other objects only to themselves. */
+Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2);
 
 /* Strings: immutable sequences of UTF-16 units. */
 CFStringRef __CFStringMakeConstantString(const char* cStr);

@@ -40,32 +40,52 @@ const PlatBackendOps* LoadGtkModule() {
     return entry != nullptr ? entry() : nullptr;
 }
 
+const PlatBackendOps* Scripted() {
+    return &gPlatScriptedBackend;
+}
+const PlatBackendOps* Terminal() {
+    return &gPlatTerminalBackend;
+}
+const PlatBackendOps* None() {
+    return &gPlatNoneBackend;
+}
+
+/* The backends by the names tests force them with; gtk's is null without a usable module. */
+struct PlatBackendByName {
+    const char* name;
+    const PlatBackendOps* (*ops)();
+};
+constexpr PlatBackendByName kBackends[] = {
+    {"gtk", LoadGtkModule},
+    {"terminal", Terminal},
+    {"none", None},
+    {"scripted", Scripted},
+};
+
+/* What a process can show with no display, or with no GTK on it. */
+const PlatBackendOps* WithoutDisplay() {
+    return isatty(STDIN_FILENO) ? Terminal() : None();
+}
+
 const PlatBackendOps* Automatic() {
     if (IsSet("DISPLAY") || IsSet("WAYLAND_DISPLAY")) {
         if (const PlatBackendOps* gtk = LoadGtkModule()) {
             return gtk;
         }
     }
-    return isatty(STDIN_FILENO) ? &gPlatTerminalBackend : &gPlatNoneBackend;
+    return WithoutDisplay();
 }
 
 const PlatBackendOps* Forced(const std::string& name) {
-    if (name == "scripted") {
-        return &gPlatScriptedBackend;
-    }
-    if (name == "terminal") {
-        return &gPlatTerminalBackend;
-    }
-    if (name == "none") {
-        return &gPlatNoneBackend;
-    }
-    if (name == "gtk") {
-        /* without a usable module, as if nothing had been forced */
-        const PlatBackendOps* gtk = LoadGtkModule();
-        return gtk != nullptr ? gtk : isatty(STDIN_FILENO) ? &gPlatTerminalBackend : &gPlatNoneBackend;
+    for (const PlatBackendByName& backend : kBackends) {
+        if (name == backend.name) {
+            /* a forced gtk without a usable module: as if nothing had been forced */
+            const PlatBackendOps* ops = backend.ops();
+            return ops != nullptr ? ops : WithoutDisplay();
+        }
     }
     /* a backend we do not have can show nothing */
-    return &gPlatNoneBackend;
+    return None();
 }
 
 } // namespace

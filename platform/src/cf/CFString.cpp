@@ -227,6 +227,15 @@ std::string PlatCFStringToUTF8(CFStringRef string) {
     return text;
 }
 
+Boolean CFEqual(CFTypeRef cf1, CFTypeRef cf2) {
+    if (cf1 == nullptr || cf2 == nullptr) {
+        return false;
+    }
+    const __CFString* a = StringKind::Cast(cf1);
+    const __CFString* b = StringKind::Cast(cf2);
+    return cf1 == cf2 || (a != nullptr && b != nullptr && a->characters == b->characters);
+}
+
 CFIndex CFStringGetLength(CFStringRef theString) {
     const __CFString* object = StringKind::Cast(theString);
     return object == nullptr ? 0 : static_cast<CFIndex>(object->characters.size());

@@ -1,25 +1,30 @@
 /* The terminal backend, for a user at a text terminal with no display: the
  * topmost shown window is drawn as text (its title, static texts, a moving line
  * for each progress indicator, its buttons' captions and a prompt in the user's
- * language). While a window with buttons is on top the backend reads keys itself:
- * a typed line presses a button when it is the button's caption, ignoring case,
- * or its first letter; Return alone presses the default button, Escape (or
- * Ctrl-.) the cancel button. End of input (Ctrl-D, or a terminal that hangs up)
- * is the close box. Each frame goes out in one write. */
+ * language). While a window with buttons is on top the terminal reads whole lines
+ * in its own line editing, with Escape ending a line too: a typed line presses a
+ * button when it is the button's caption, ignoring case, or its first letter;
+ * Return alone presses the default button, Escape the cancel button. End of input
+ * (Ctrl-D, or a terminal that hangs up) is the close box. Each frame goes out in
+ * one write. */
 #include "backends/PlatBackend.h"
-#include "backends/TerminalText.h"
+#include "backends/terminal/TerminalText.h"
 
 #include <errno.h>
+#include <langinfo.h>
+#include <locale.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
+#include <wchar.h>
+#include <wctype.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -33,23 +38,21 @@ constexpr auto kFrameInterval = std::chrono::milliseconds(100);
 constexpr size_t kBarCells = 30;
 constexpr size_t kBarBlock = 6;
 constexpr size_t kMaxLine = 4096;
-/* An Escape key sends ESC alone; a longer key sends ESC and more at once. */
-constexpr int kEscapeWaitMs = 30;
+constexpr char kEscape = '\033';
 
 /* The terminal's state; main thread only, except the wake-up descriptor. */
 struct Terminal {
     std::vector<WindowRef> shown; /* visible windows, topmost last */
-    std::string pending;          /* typed text not yet ended by a new line */
-    std::string sequence;         /* an escape sequence being read */
+    std::string pending;          /* typed text not yet ended by Return or Escape */
     bool inputEnded = false;
-    bool keys = false; /* we read keys and echo them; the terminal's own mode is saved */
+    bool linesTaken = false; /* the terminal is in our line mode; its own mode is saved */
     /* progress lines of the drawn window, as lines above the cursor */
     std::vector<int> barsUp;
     unsigned frame = 0;
     Clock::time_point nextFrame;
 };
 
-Terminal& T() {
+Terminal& TheTerminal() {
     static Terminal* terminal = new Terminal;
     return *terminal;
 }
@@ -83,7 +86,7 @@ void WriteAll(const std::string& text) {
 /* Lines the cursor moved down since the window was drawn keep its progress lines
  * where they are. */
 void ShiftBars(size_t lines) {
-    for (int& up : T().barsUp) {
+    for (int& up : TheTerminal().barsUp) {
         up += static_cast<int>(lines);
     }
 }
@@ -93,7 +96,7 @@ void Emit(const std::string& text) {
     ShiftBars(static_cast<size_t>(std::count(text.begin(), text.end(), '\n')));
 }
 
-size_t Columns() {
+size_t ScreenColumns() {
     struct winsize size {};
     if (ioctl(OutFd(), TIOCGWINSZ, &size) == 0 && size.ws_col >= 24) {
         return std::min<size_t>(size.ws_col - 1, 78);
@@ -106,99 +109,123 @@ bool Echoes() {
     return tcgetattr(STDIN_FILENO, &mode) == 0 && (mode.c_lflag & ECHO) != 0;
 }
 
-bool IsContinuation(unsigned char c) {
-    return (c & 0xC0) == 0x80;
-}
+/* ---- Characters, under the user's locale ---- */
 
-/* The code points of UTF-8 text; a stray byte counts as one. */
-std::vector<char32_t> Decode(const std::string& s) {
-    std::vector<char32_t> points;
-    for (size_t i = 0; i < s.size();) {
-        unsigned char lead = static_cast<unsigned char>(s[i]);
-        size_t length = lead < 0x80 ? 1 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
-        char32_t point = length == 1 ? lead : lead & (0x3F >> (length - 1));
-        size_t n = 1;
-        while (n < length && i + n < s.size() && IsContinuation(static_cast<unsigned char>(s[i + n]))) {
-            point = (point << 6) | (static_cast<unsigned char>(s[i + n]) & 0x3F);
-            n++;
+/* The user's character classes. Our words and the captions are UTF-8 whatever the
+ * locale says, so a locale that is not installed or not UTF-8 reads as C.UTF-8. */
+locale_t UserCharacters() {
+    static locale_t characters = [] {
+        locale_t user = newlocale(LC_CTYPE_MASK, "", nullptr);
+        if (user != nullptr && strcmp(nl_langinfo_l(CODESET, user), "UTF-8") == 0) {
+            return user;
         }
-        points.push_back(n == length ? point : lead);
-        i += n;
-    }
-    return points;
-}
-
-/* Columns a code point takes: two for the wide characters of East Asian scripts. */
-size_t ColumnsOf(char32_t c) {
-    bool wide = (c >= 0x1100 && c <= 0x115F) || (c >= 0x2E80 && c <= 0xA4CF && c != 0x303F) ||
-                (c >= 0xAC00 && c <= 0xD7A3) || (c >= 0xF900 && c <= 0xFAFF) ||
-                (c >= 0xFE30 && c <= 0xFE4F) || (c >= 0xFF00 && c <= 0xFF60) ||
-                (c >= 0xFFE0 && c <= 0xFFE6) || (c >= 0x20000 && c <= 0x3FFFD);
-    return wide ? 2 : 1;
-}
-
-size_t TextColumns(const std::string& s) {
-    size_t columns = 0;
-    for (char32_t c : Decode(s)) {
-        columns += ColumnsOf(c);
-    }
-    return columns;
-}
-
-/* Byte length of the longest start of s that takes at most n columns, but at
- * least one code point. */
-size_t PrefixBytes(const std::string& s, size_t n) {
-    size_t i = 0, columns = 0;
-    while (i < s.size()) {
-        size_t next = i + 1;
-        while (next < s.size() && IsContinuation(static_cast<unsigned char>(s[next]))) {
-            next++;
+        if (user != nullptr) {
+            freelocale(user);
         }
-        columns += TextColumns(s.substr(i, next - i));
-        if (columns > n && i > 0) {
-            break;
-        }
-        i = next;
-    }
-    return i;
+        return newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    }();
+    return characters;
 }
 
-/* Word-wraps text into lines of at most width code points. */
+/* The user's characters for the life of the scope, on this thread only. */
+class UserLocaleScope {
+  public:
+    UserLocaleScope() : previous_(UserCharacters() != nullptr ? uselocale(UserCharacters()) : nullptr) {}
+    ~UserLocaleScope() {
+        if (previous_ != nullptr) {
+            uselocale(previous_);
+        }
+    }
+    UserLocaleScope(const UserLocaleScope&) = delete;
+    UserLocaleScope& operator=(const UserLocaleScope&) = delete;
+
+  private:
+    locale_t previous_;
+};
+
+/* Calls each(bytes, length, c) for the characters of text in turn; a byte that
+ * starts no character is one of its own, which no real character equals. */
+template <typename Each> void ForEachCharacter(const std::string& text, Each each) {
+    UserLocaleScope scope;
+    mbstate_t state{};
+    for (size_t i = 0; i < text.size();) {
+        wchar_t c = 0;
+        size_t length = mbrtowc(&c, text.data() + i, text.size() - i, &state);
+        if (length == static_cast<size_t>(-1) || length == static_cast<size_t>(-2)) {
+            c = static_cast<wchar_t>(0xDC00 | static_cast<unsigned char>(text[i]));
+            length = 1;
+            state = mbstate_t{};
+        } else if (length == 0) {
+            length = 1;
+        }
+        each(text.data() + i, length, c);
+        i += length;
+    }
+}
+
+/* The characters of text, folded to lower case. */
+std::wstring Folded(const std::string& text) {
+    std::wstring folded;
+    ForEachCharacter(text,
+                     [&](const char*, size_t, wchar_t c) { folded += static_cast<wchar_t>(towlower(c)); });
+    return folded;
+}
+
+/* Columns a character takes on the terminal: two for the wide ones of East Asian scripts. */
+size_t ColumnsOf(wchar_t c) {
+    int columns = wcwidth(c);
+    return columns < 0 ? 1 : static_cast<size_t>(columns);
+}
+
+/* Word-wraps text into lines of at most width columns at its blanks; a word longer
+ * than a line is cut, at least one character a line. One pass over the text. */
 void Wrap(const std::string& text, size_t width, std::vector<std::string>& lines) {
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t end = text.find('\n', start);
-        std::string paragraph =
-            text.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        std::string line;
-        size_t pos = 0;
-        while (pos < paragraph.size()) {
-            size_t wordEnd = paragraph.find(' ', pos);
-            std::string word =
-                paragraph.substr(pos, wordEnd == std::string::npos ? std::string::npos : wordEnd - pos);
-            pos = wordEnd == std::string::npos ? paragraph.size() : wordEnd + 1;
-            while (TextColumns(word) > width) {
-                if (!line.empty()) {
-                    lines.push_back(line);
-                    line.clear();
-                }
-                size_t cut = PrefixBytes(word, width);
-                lines.push_back(word.substr(0, cut));
-                word.erase(0, cut);
-            }
-            if (!line.empty() && TextColumns(line) + 1 + TextColumns(word) > width) {
-                lines.push_back(line);
-                line.clear();
-            }
-            line += line.empty() ? word : " " + word;
-        }
+    std::string line, word;
+    size_t lineColumns = 0, wordColumns = 0;
+    auto endLine = [&] {
         lines.push_back(line);
-        if (end == std::string::npos) {
-            break;
+        line.clear();
+        lineColumns = 0;
+    };
+    auto endWord = [&] {
+        if (!line.empty() && lineColumns + 1 + wordColumns > width) {
+            endLine();
         }
-        start = end + 1;
-    }
+        if (!line.empty()) {
+            line += ' ';
+            lineColumns++;
+        }
+        line += word;
+        lineColumns += wordColumns;
+        word.clear();
+        wordColumns = 0;
+    };
+    ForEachCharacter(text, [&](const char* bytes, size_t length, wchar_t c) {
+        if (c == L'\n' || c == L' ') {
+            endWord();
+            if (c == L'\n') {
+                endLine();
+            }
+            return;
+        }
+        size_t columns = ColumnsOf(c);
+        if (!word.empty() && wordColumns + columns > width) {
+            /* a word longer than a line: what fits is a line of its own */
+            if (!line.empty()) {
+                endLine();
+            }
+            lines.push_back(word);
+            word.clear();
+            wordColumns = 0;
+        }
+        word.append(bytes, length);
+        wordColumns += columns;
+    });
+    endWord();
+    endLine();
 }
+
+/* ---- Drawing ---- */
 
 std::string Bar(unsigned frame) {
     /* a block that bounces between the ends */
@@ -290,7 +317,7 @@ std::string Hints(WindowRef window) {
 std::vector<std::string> PromptLines(WindowRef window) {
     std::vector<std::string> lines;
     if (!ButtonsOf(window).empty()) {
-        Wrap(PlatCurrentTerminalText().prompt, Columns(), lines);
+        Wrap(PlatCurrentTerminalText().prompt, ScreenColumns(), lines);
         if (lines.back().empty() || lines.back().back() != ' ') {
             lines.back() += ' '; /* the answer does not touch the prompt */
         }
@@ -301,11 +328,11 @@ std::vector<std::string> PromptLines(WindowRef window) {
 /* Draws the window whole, and starts animating its progress lines. */
 void Draw(WindowRef window) {
     PlatWindowInfo info;
-    T().barsUp.clear();
+    TheTerminal().barsUp.clear();
     if (!PlatGetWindowInfo(window, &info)) {
         return;
     }
-    size_t width = Columns();
+    size_t width = ScreenColumns();
     std::vector<PlatControlInfo> controls;
     for (size_t i = 0; i < info.controlCount; i++) {
         PlatControlInfo control;
@@ -352,39 +379,39 @@ void Draw(WindowRef window) {
     /* the cursor ends on the last prompt line, or on the line after the frame */
     size_t cursorLine = lines.size() + (promptLines.empty() ? 0 : promptLines.size() - 1);
     for (size_t bar : bars) {
-        T().barsUp.push_back(static_cast<int>(cursorLine - bar));
+        TheTerminal().barsUp.push_back(static_cast<int>(cursorLine - bar));
     }
-    T().frame = 0;
-    T().nextFrame = Clock::now() + kFrameInterval;
+    TheTerminal().frame = 0;
+    TheTerminal().nextFrame = Clock::now() + kFrameInterval;
     WriteAll(frame);
 }
 
 void DrawProgressFrame() {
-    T().frame++;
+    TheTerminal().frame++;
     std::string frame = "\0337"; /* keep the cursor where the user types */
-    for (int up : T().barsUp) {
-        frame += "\0338\033[" + std::to_string(up) + "A\r" + Bar(T().frame);
+    for (int up : TheTerminal().barsUp) {
+        frame += "\0338\033[" + std::to_string(up) + "A\r" + Bar(TheTerminal().frame);
     }
     frame += "\0338";
     WriteAll(frame);
 }
 
 WindowRef Top() {
-    return T().shown.empty() ? nullptr : T().shown.back();
+    return TheTerminal().shown.empty() ? nullptr : TheTerminal().shown.back();
 }
 
-/* ---- Reading keys ---- */
+/* ---- Reading lines ---- */
 
-/* The terminal's mode before we took its keys; restored however the process ends. */
+/* The terminal's mode before we took its lines; restored however the process ends. */
 struct termios gSavedMode;
 volatile sig_atomic_t gModeSaved = 0;
-volatile sig_atomic_t gKeysTaken = 0;
+volatile sig_atomic_t gLinesTaken = 0;
 volatile sig_atomic_t gHungUp = 0;
 
 void RestoreMode() {
-    if (gKeysTaken) {
+    if (gLinesTaken) {
         tcsetattr(STDIN_FILENO, TCSANOW, &gSavedMode);
-        gKeysTaken = 0;
+        gLinesTaken = 0;
     }
 }
 
@@ -413,17 +440,19 @@ void CatchIfDefault(int signal, void (*handler)(int)) {
     }
 }
 
-/* Takes the terminal's keys while the top window has buttons, so that Escape
- * counts at once; gives them back otherwise. */
-void UpdateKeyMode() {
-    WindowRef top = T().shown.empty() ? nullptr : T().shown.back();
-    bool want = top != nullptr && !T().inputEnded && !gHungUp && !ButtonsOf(top).empty();
-    if (want == T().keys) {
+/* While the top window has buttons the terminal edits lines itself, echoing them,
+ * and Escape ends a line as Return does, so that it counts at once; otherwise the
+ * terminal has its own mode back. */
+void UpdateLineMode() {
+    Terminal& terminal = TheTerminal();
+    WindowRef top = Top();
+    bool want = top != nullptr && !terminal.inputEnded && !gHungUp && !ButtonsOf(top).empty();
+    if (want == terminal.linesTaken) {
         return;
     }
     if (!want) {
         RestoreMode();
-        T().keys = false;
+        terminal.linesTaken = false;
         return;
     }
     if (!gModeSaved) {
@@ -437,58 +466,26 @@ void UpdateKeyMode() {
         }
     }
     struct termios mode = gSavedMode;
-    mode.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-    mode.c_cc[VMIN] = 1;
-    mode.c_cc[VTIME] = 0;
+    mode.c_lflag |= ICANON | ECHO | ECHOE | ECHOK;
+    mode.c_iflag |= ICRNL;
+    mode.c_cc[VEOL] = kEscape;
     if (tcsetattr(STDIN_FILENO, TCSANOW, &mode) == 0) {
-        gKeysTaken = 1;
-        T().keys = true;
+        gLinesTaken = 1;
+        terminal.linesTaken = true;
     }
 }
 
 void Forget(WindowRef window) {
     bool wasTop = Top() == window;
-    T().shown.erase(std::remove(T().shown.begin(), T().shown.end(), window), T().shown.end());
-    UpdateKeyMode();
+    TheTerminal().shown.erase(std::remove(TheTerminal().shown.begin(), TheTerminal().shown.end(), window),
+                              TheTerminal().shown.end());
+    UpdateLineMode();
     if (wasTop) {
-        T().barsUp.clear();
+        TheTerminal().barsUp.clear();
         if (Top() != nullptr) {
             Draw(Top());
         }
     }
-}
-
-/* Lower case for the letters of the scripts the launcher speaks: Latin (with its
- * accented letters), Greek, Cyrillic and the full-width Latin of East Asian input. */
-char32_t Folded(char32_t c) {
-    if ((c >= 'A' && c <= 'Z') || (c >= 0xC0 && c <= 0xDE && c != 0xD7) || (c >= 0x391 && c <= 0x3AB) ||
-        (c >= 0x410 && c <= 0x42F) || (c >= 0xFF21 && c <= 0xFF3A)) {
-        return c + 0x20;
-    }
-    if (c >= 0x400 && c <= 0x40F) {
-        return c + 0x50;
-    }
-    bool evenUpper = (c >= 0x100 && c <= 0x137) || (c >= 0x14A && c <= 0x177) || (c >= 0x1E00 && c <= 0x1EFF);
-    bool oddUpper = (c >= 0x139 && c <= 0x148) || (c >= 0x179 && c <= 0x17E);
-    if ((evenUpper && c % 2 == 0) || (oddUpper && c % 2 == 1)) {
-        return c + 1;
-    }
-    return c == 0x178 ? 0xFF : c;
-}
-
-bool SameIgnoringCase(const std::string& a, const std::string& b) {
-    std::vector<char32_t> x = Decode(a), y = Decode(b);
-    return x.size() == y.size() && std::equal(x.begin(), x.end(), y.begin(),
-                                              [](char32_t p, char32_t q) { return Folded(p) == Folded(q); });
-}
-
-/* The first code point of text, as UTF-8. */
-std::string FirstLetter(const std::string& text) {
-    size_t end = text.empty() ? 0 : 1;
-    while (end < text.size() && IsContinuation(static_cast<unsigned char>(text[end]))) {
-        end++;
-    }
-    return text.substr(0, end);
 }
 
 std::string Trimmed(const std::string& s) {
@@ -530,15 +527,16 @@ bool Answer(const std::string& typed) {
         return false;
     }
     std::string line = Trimmed(typed);
+    std::wstring folded = Folded(line);
     std::vector<const Button*> named;
     for (const Button& b : buttons) {
-        if (typed.empty() ? b.isDefault : !line.empty() && SameIgnoringCase(line, b.caption)) {
+        if (typed.empty() ? b.isDefault : !folded.empty() && folded == Folded(b.caption)) {
             named.push_back(&b);
         }
     }
-    if (named.empty() && !line.empty() && FirstLetter(line) == line) {
+    if (named.empty() && folded.size() == 1) {
         for (const Button& b : buttons) {
-            if (SameIgnoringCase(line, FirstLetter(b.caption))) {
+            if (Folded(b.caption).compare(0, 1, folded) == 0) {
                 named.push_back(&b);
             }
         }
@@ -555,25 +553,26 @@ bool Answer(const std::string& typed) {
     return false;
 }
 
-/* Escape: the cancel button, where the window has one. */
+/* Escape: the cancel button, where the window has one; else the question again. */
 void Cancel() {
-    if (Top() == nullptr) {
+    WindowRef window = Top();
+    if (window == nullptr) {
         return;
     }
-    for (const Button& b : ButtonsOf(Top())) {
+    Emit("\n"); /* the terminal echoed Escape on the answer's line */
+    for (const Button& b : ButtonsOf(window)) {
         if (b.isCancel) {
-            Emit("\n");
-            T().pending.clear();
             PlatPostControlHit(b.control);
             return;
         }
     }
+    AskAgain(window, "");
 }
 
 /* Ctrl-D: the close box, unless the last line typed already answered. */
 void EndOfInput(bool answered) {
-    T().inputEnded = true;
-    UpdateKeyMode();
+    TheTerminal().inputEnded = true;
+    UpdateLineMode();
     PlatWindowInfo info;
     if (!answered && Top() != nullptr && PlatGetWindowInfo(Top(), &info) && info.hasCloseBox) {
         Emit("\n");
@@ -581,142 +580,59 @@ void EndOfInput(bool answered) {
     }
 }
 
-/* The end of a typed line: the kernel's or ours. */
-void EndOfLine() {
-    std::string line;
-    line.swap(T().pending);
-    if (T().keys) {
-        Emit("\n");
-    } else if (Echoes()) {
-        ShiftBars(1); /* the terminal echoed the user's new line */
-    }
-    Answer(line);
-}
-
-/* An escape sequence is over: Ctrl-. (as terminals that report modified keys
- * send it) is Escape, keypad Enter is Return, anything else is no answer. */
-void EndOfSequence() {
-    std::string sequence;
-    sequence.swap(T().sequence);
-    if (sequence == "\033" || sequence == "\033[27;5;46~" || sequence == "\033[46;5u") {
-        Cancel();
-    } else if (sequence == "\033OM") {
-        EndOfLine();
-    }
-}
-
-bool InputWaiting(int timeoutMs) {
-    struct pollfd input = {STDIN_FILENO, POLLIN, 0};
-    return poll(&input, 1, timeoutMs) > 0;
-}
-
-/* One byte typed while we read keys ourselves: a small line editor. */
-void Key(unsigned char c) {
-    std::string& line = T().pending;
-    if (c == '\r' || c == '\n') {
-        EndOfLine();
-    } else if (c == gSavedMode.c_cc[VEOF] && c != 0) {
-        if (line.empty()) {
-            EndOfInput(false);
-        }
-    } else if ((c == gSavedMode.c_cc[VERASE] && c != 0) || c == 0x7F || c == '\b') {
-        if (!line.empty()) {
-            size_t start = line.size() - 1;
-            while (start > 0 && IsContinuation(static_cast<unsigned char>(line[start]))) {
-                start--;
-            }
-            size_t columns = TextColumns(line.substr(start));
-            line.erase(start);
-            std::string erase;
-            for (size_t i = 0; i < columns; i++) {
-                erase += "\b \b";
-            }
-            WriteAll(erase);
-        }
-    } else if (c == gSavedMode.c_cc[VKILL] && c != 0) {
-        std::string erase;
-        for (size_t i = TextColumns(line); i > 0; i--) {
-            erase += "\b \b";
-        }
-        line.clear();
-        WriteAll(erase);
-    } else if (c >= 0x20 && line.size() < kMaxLine) {
-        line += static_cast<char>(c);
-        WriteAll(std::string(1, static_cast<char>(c)));
-    }
-}
-
-/* Bytes typed while we read keys ourselves. */
-void Keys(const char* bytes, size_t count) {
-    for (size_t i = 0; i < count && T().keys;) {
-        unsigned char c = static_cast<unsigned char>(bytes[i]);
-        std::string& sequence = T().sequence;
-        if (sequence.empty()) {
-            if (c == 0x1B) {
-                sequence = "\033";
-            } else {
-                Key(c);
-            }
-        } else if (sequence.size() == 1 && c != '[' && c != 'O') {
-            EndOfSequence(); /* ESC and another key: the Escape key, then that key */
-            continue;
-        } else {
-            sequence += static_cast<char>(c);
-            bool final = sequence.size() > 2 && (sequence[1] == 'O' || (c >= 0x40 && c <= 0x7E));
-            if (final || sequence.size() > 32) {
-                EndOfSequence();
-            }
-        }
-        i++;
-    }
-    /* ESC with nothing after it is the Escape key itself */
-    if (T().sequence == "\033" && !InputWaiting(kEscapeWaitMs)) {
-        EndOfSequence();
-    }
-}
-
 void ReadInput() {
+    Terminal& terminal = TheTerminal();
     char buffer[512];
     ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
         return;
     }
     if (n <= 0) {
+        /* Ctrl-D at the start of a line, or a terminal gone; text before it is a last answer */
         std::string last;
-        last.swap(T().pending);
-        EndOfInput(!last.empty() && !T().keys && Answer(last));
+        last.swap(terminal.pending);
+        EndOfInput(!last.empty() && Answer(last));
         return;
     }
-    if (T().keys) {
-        Keys(buffer, static_cast<size_t>(n));
-        return;
+    if (terminal.pending.size() > kMaxLine) {
+        terminal.pending.clear(); /* nobody types this much: not an answer */
     }
-    if (T().pending.size() > kMaxLine) {
-        T().pending.clear(); /* nobody types this much: not an answer */
-    }
-    T().pending.append(buffer, static_cast<size_t>(n));
+    terminal.pending.append(buffer, static_cast<size_t>(n));
     size_t end;
-    while ((end = T().pending.find('\n')) != std::string::npos) {
-        std::string rest = T().pending.substr(end + 1);
-        T().pending.erase(end);
-        EndOfLine();
-        T().pending = rest + T().pending;
+    while ((end = terminal.pending.find_first_of(std::string("\n") + kEscape)) != std::string::npos) {
+        bool escape = terminal.pending[end] == kEscape;
+        std::string line = terminal.pending.substr(0, end);
+        terminal.pending.erase(0, end + 1);
+        if (escape) {
+            /* a key that sends a sequence starts with Escape too: the rest of it is no answer */
+            terminal.pending.clear();
+            tcflush(STDIN_FILENO, TCIFLUSH);
+            Cancel();
+            return;
+        }
+        if (Echoes()) {
+            ShiftBars(1); /* the terminal echoed the user's new line */
+        }
+        Answer(line);
     }
 }
 
 OSStatus TerminalCreateWindow(WindowRef) {
+    WakeFd(); /* made now: the hang-up handler must not be the first to make it */
     CatchIfDefault(SIGHUP, OnHangUp);
     return noErr;
 }
 
 void TerminalShowWindow(WindowRef window) {
-    T().shown.erase(std::remove(T().shown.begin(), T().shown.end(), window), T().shown.end());
-    T().shown.push_back(window);
-    UpdateKeyMode();
+    Terminal& terminal = TheTerminal();
+    terminal.shown.erase(std::remove(terminal.shown.begin(), terminal.shown.end(), window),
+                         terminal.shown.end());
+    terminal.shown.push_back(window);
+    UpdateLineMode();
     Draw(window);
     PlatWindowInfo info;
     /* with input over, nobody can answer but through the close box */
-    if (T().inputEnded && PlatGetWindowInfo(window, &info) && info.hasCloseBox) {
+    if (terminal.inputEnded && PlatGetWindowInfo(window, &info) && info.hasCloseBox) {
         PlatPostWindowClose(window);
     }
 }
@@ -732,14 +648,16 @@ void TerminalControlChanged(WindowRef window, ControlRef) {
 }
 
 void TerminalPump(int timeoutMs) {
+    Terminal& terminal = TheTerminal();
     int timeout = timeoutMs;
-    if (!T().barsUp.empty()) {
-        auto untilFrame = std::chrono::duration_cast<std::chrono::milliseconds>(T().nextFrame - Clock::now());
+    if (!terminal.barsUp.empty()) {
+        auto untilFrame =
+            std::chrono::duration_cast<std::chrono::milliseconds>(terminal.nextFrame - Clock::now());
         int frameMs = static_cast<int>(std::max<long long>(0, untilFrame.count()));
         timeout = timeout < 0 ? frameMs : std::min(timeout, frameMs);
     }
     struct pollfd fds[2] = {{WakeFd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-    nfds_t count = T().inputEnded ? 1 : 2;
+    nfds_t count = terminal.inputEnded ? 1 : 2;
     if (poll(fds, count, timeout) > 0) {
         if (fds[0].revents & POLLIN) {
             uint64_t value;
@@ -749,15 +667,15 @@ void TerminalPump(int timeoutMs) {
             ReadInput();
         }
     }
-    if (gHungUp && !T().inputEnded) {
-        T().pending.clear();
+    if (gHungUp && !terminal.inputEnded) {
+        terminal.pending.clear();
         EndOfInput(false);
     }
-    if (!T().barsUp.empty() && Clock::now() >= T().nextFrame) {
+    if (!terminal.barsUp.empty() && Clock::now() >= terminal.nextFrame) {
         DrawProgressFrame();
-        T().nextFrame += kFrameInterval;
-        if (T().nextFrame < Clock::now()) {
-            T().nextFrame = Clock::now() + kFrameInterval; /* fell behind: do not catch up */
+        terminal.nextFrame += kFrameInterval;
+        if (terminal.nextFrame < Clock::now()) {
+            terminal.nextFrame = Clock::now() + kFrameInterval; /* fell behind: do not catch up */
         }
     }
 }

@@ -1,7 +1,7 @@
 /* The terminal backend's words in the languages the launcher ships. English is the
  * answer for every other locale, "C" included, so it keeps to ASCII: a terminal
  * under such a locale may not show anything else. */
-#include "backends/TerminalText.h"
+#include "backends/terminal/TerminalText.h"
 
 #include "cf/PlatCF.h"
 
