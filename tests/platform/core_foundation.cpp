@@ -23,7 +23,12 @@ TEST(CFString, MacRomanBothWaysAndShortBuffers) {
     EXPECT_EQ(buffer[sizeof utf8 - 1], '#');
     ASSERT_TRUE(CFStringGetCString(string, buffer.data(), sizeof roman, kCFStringEncodingMacRoman));
     EXPECT_STREQ(buffer.c_str(), roman);
-    CFRelease(string);
+    // Equal by the characters, whatever the encoding they came in.
+    CFStringRef same = Str(utf8), other = Str("Ä•…");
+    EXPECT_TRUE(CFEqual(string, same));
+    EXPECT_FALSE(CFEqual(string, other));
+    EXPECT_FALSE(CFEqual(string, nullptr));
+    Release({string, same, other});
 }
 
 // The language comes from LC_ALL, LC_MESSAGES or LANG; each test sets all three.
