@@ -35,8 +35,10 @@ class EndToEnd : public ::testing::Test {
                   true);
     }
     // The built bundle at temp/relative, with a package configuration if given, AutoSetup and
-    // an installer script that reports what it found.
+    // an installer script that reports what it found; nothing staged or copied yet.
     std::string Disc(const std::string& relative, const std::string& package, bool autoSetup = true) {
+        fs::remove_all(kStaged);
+        fs::remove_all(kAutoSetupCopy);
         std::string bundle = temp_ / relative;
         fs::create_directories(bundle);
         fs::copy(KESTRUN_BUILD_DIR "/Launcher.app", bundle, fs::copy_options::recursive);
@@ -64,7 +66,7 @@ class EndToEnd : public ::testing::Test {
     // input is /dev/null; on one, `answer` is typed once `prompt` shows.
     RunResult Launch(const std::string& bundle, bool terminal = false, const std::string& prompt = "",
                      const std::string& answer = "", const std::function<void()>& setup = nullptr) {
-        for (const std::string& path : {kLogFile, report_, started_, opened_})
+        for (const std::string& path : {kLogFile, report_, started_, opened_, temp_ / "out.txt"})
             fs::remove(path);
         RunResult run;
         int screen = -1;
@@ -128,7 +130,6 @@ TEST_F(EndToEnd, Decisions) {
         SCOPED_TRACE(outcome);
         std::string bundle = Disc("disc/" + outcome + "/Launcher.app",
                                   outcome == "INSTALL" ? "" : SysConfig(4, 120, 1, 2, 7, 0, app_, "yes"));
-        fs::remove_all(kStaged);
         if (outcome == "STOP")
             fs::create_directories(kStaged + "/Contents");
         std::unique_ptr<NamedProcess> updater(
@@ -170,8 +171,6 @@ TEST_F(EndToEnd, DashboardInstall) {
              {"no package", false, true, false, "no", false, false, "",
               "File: " + kStaged + " isn't exist"}}) {
         SCOPED_TRACE(name);
-        fs::remove_all(kStaged);
-        fs::remove_all(kAutoSetupCopy);
         std::string bundle = Disc("Volumes/" + name + "/Launcher.app",
                                   package ? SysConfig(3, 0, 1, 0, 0, 0, app_, progress) : "", autoSetup);
         std::unique_ptr<NamedProcess> other(running ? new NamedProcess(temp_ / "r", "AutoSetup") : nullptr);
@@ -186,19 +185,38 @@ TEST_F(EndToEnd, DashboardInstall) {
     }
 }
 
+// The system's copies of pugixml, libpng and zlib.
+std::vector<std::string> SystemXmlAndPngLibraries() {
+    std::vector<std::string> found;
+    for (const char* pattern : {"/usr/lib/*/libpugixml.so*", "/usr/lib/*/libpng16.so*", "/usr/lib/*/libz.so*",
+                                "/lib/*/libz.so*", "/lib/*/libpng16.so*"}) {
+        glob_t matches = {};
+        if (glob(pattern, 0, nullptr, &matches) == 0)
+            found.insert(found.end(), matches.gl_pathv, matches.gl_pathv + matches.gl_pathc);
+        globfree(&matches);
+    }
+    return found;
+}
+
 // An installed copy older than the package: the question box, on a terminal or nowhere. Typed
 // answers: a caption in any case (beyond ASCII too, in German and Japanese) and with blanks, its
 // first letter, Return for the default, Escape (or a key whose sequence starts with it) for the
 // cancel button; anything else asks again.
 // End of input and a terminal that hangs up are the close box; the launcher ends as always.
+// Under a display, a GTK module that is a named pipe is refused at once with one line, and the
+// box goes as when no window can be made. The bundle brings its XML and PNG readers: with the
+// system's copies hidden (an empty file mounted over each, in a mount namespace of the
+// launcher's own) the box still comes up on a terminal.
 TEST_F(EndToEnd, QuestionBox) {
     const std::string german = "Geben Sie den Namen einer Schaltfl\xC3\xA4"
                                "che";
     const std::string japanese = "\xE3\x83\x9C\xE3\x82\xBF\xE3\x83\xB3"; // "button"
+    const std::string refused = "no screen, GTK module refused", hidden = "return, system libraries hidden";
     Install(SysConfig(2, 0, 1, 0, 0, 0));
     for (const auto& [name, terminal, answer, installs] :
          std::vector<std::tuple<std::string, bool, std::string, bool>>{
              {"no screen", false, "", false},
+             {refused, false, "", false},
              {"typed", true, "ja\n \n INSTALL \n", true},
              {"return", true, "\n", true},
              {"first letter", true, "o\n", false},
@@ -211,19 +229,45 @@ TEST_F(EndToEnd, QuestionBox) {
              {"Japanese", true, "\xE3\x82\xA4\xE3\x83\xB3\xE3\x82\xB9\xE3\x83\x88\xE3\x83\xBC\xE3\x83\xAB\n",
               true},
              {"end of input", true, "\x04", false},
-             {"hang-up", true, kHangUp, false}}) {
+             {"hang-up", true, kHangUp, false},
+             {hidden, true, "\n", true}}) { // last: it needs root
         SCOPED_TRACE(name);
-        fs::remove_all(kStaged);
         setenv("LANG", name == "German" ? "de_DE.UTF-8" : name == "Japanese" ? "ja_JP.UTF-8" : "C.UTF-8", 1);
         const std::string prompt = name == "German"     ? german
                                    : name == "Japanese" ? japanese
                                                         : "Type the name of a button";
-        RunResult run = Launch(Disc("Volumes/" + name + "/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)),
-                               terminal, terminal ? prompt : "", answer);
+        std::string bundle = Disc("Volumes/" + name + "/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_));
+        std::function<void()> setup;
+        std::vector<std::string> libraries;
+        if (name == refused) {
+            const std::string module = bundle + "/Contents/Linux/PlugIns/PlatformGtk.so";
+            fs::create_directories(fs::path(module).parent_path());
+            fs::remove(module);
+            ASSERT_EQ(mkfifo(module.c_str(), 0600), 0);
+            setup = [] { setenv("DISPLAY", ":kestrun-nowhere", 1); };
+        } else if (name == hidden) {
+            if (geteuid() != 0)
+                GTEST_SKIP() << "hiding the system's libraries takes a mount namespace, which takes root";
+            libraries = SystemXmlAndPngLibraries();
+            ASSERT_FALSE(libraries.empty()) << "no system copy of the libraries to hide";
+            // A child that cannot hide them ends with 99 instead of starting the launcher.
+            setup = [&libraries] {
+                if (unshare(CLONE_NEWNS) != 0 ||
+                    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+                    _exit(99);
+                for (const std::string& library : libraries)
+                    if (mount("/dev/null", library.c_str(), nullptr, MS_BIND, nullptr) != 0)
+                        _exit(99);
+            };
+        }
+        RunResult run = Launch(bundle, terminal, terminal ? prompt : "", answer, setup);
         int failed = FindMessage(run.log, "CreateWindowFromNib failed");
         EXPECT_EQ(terminal, failed < 0);
         EXPECT_TRUE(terminal ? run.output.find(prompt) != std::string::npos
                              : failed >= 0 && run.log[failed].function == "MessageBox")
+            << run.output;
+        EXPECT_EQ(name == refused,
+                  run.output.find("PlatformGtk.so is not loaded: not a regular file\n") != std::string::npos)
             << run.output;
         EXPECT_EQ(name == "typed",
                   run.output.find("\"ja\" is not one of the answers (Open Vantorel, Install).") !=
@@ -237,79 +281,20 @@ TEST_F(EndToEnd, QuestionBox) {
     }
 }
 
-// The bundle brings its XML and PNG readers: with the system's copies of pugixml, libpng and
-// zlib hidden (an empty file mounted over each, in a mount namespace of the launcher's own)
-// the question box still comes up on a terminal and Return installs.
-TEST_F(EndToEnd, QuestionBoxWithoutTheSystemsXmlAndPngLibraries) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "hiding the system's libraries takes a mount namespace, which takes root";
-    std::vector<std::string> hidden;
-    for (const char* pattern : {"/usr/lib/*/libpugixml.so*", "/usr/lib/*/libpng16.so*", "/usr/lib/*/libz.so*",
-                                "/lib/*/libz.so*", "/lib/*/libpng16.so*"}) {
-        glob_t found = {};
-        if (glob(pattern, 0, nullptr, &found) == 0)
-            hidden.insert(hidden.end(), found.gl_pathv, found.gl_pathv + found.gl_pathc);
-        globfree(&found);
-    }
-    ASSERT_FALSE(hidden.empty()) << "no system copy of the libraries to hide";
-    Install(SysConfig(2, 0, 1, 0, 0, 0));
-    setenv("LANG", "C.UTF-8", 1);
-    const std::string prompt = "Type the name of a button";
-    // A child that cannot hide them ends with 99 instead of starting the launcher.
-    RunResult run = Launch(Disc("Volumes/hidden/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_)), true,
-                           prompt, "\n", [&hidden] {
-                               if (unshare(CLONE_NEWNS) != 0 ||
-                                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-                                   _exit(99);
-                               for (const std::string& library : hidden) {
-                                   if (mount("/dev/null", library.c_str(), nullptr, MS_BIND, nullptr) != 0)
-                                       _exit(99);
-                               }
-                           });
-    EXPECT_NE(run.output.find(prompt), std::string::npos) << run.output;
-    EXPECT_GE(FindMessage(run.log, "AutoInstallPkg Enter"), 0) << run.output;
-}
-
-// Under a display, a GTK module that is a named pipe is refused at once with one line, and
-// the question box goes as when no window can be made: its close box, so the application
-// starts and nothing is installed.
-TEST_F(EndToEnd, RefusedGtkModuleIsAsNoWindow) {
-    Install(SysConfig(2, 0, 1, 0, 0, 0));
-    setenv("LANG", "C.UTF-8", 1);
-    std::string bundle = Disc("Volumes/pipe/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_));
-    const std::string module = bundle + "/Contents/Linux/PlugIns/PlatformGtk.so";
-    fs::create_directories(fs::path(module).parent_path());
-    fs::remove(module);
-    ASSERT_EQ(mkfifo(module.c_str(), 0600), 0);
-    RunResult run = Launch(bundle, false, "", "", [] { setenv("DISPLAY", ":kestrun-nowhere", 1); });
-    EXPECT_NE(run.output.find("PlatformGtk.so is not loaded: not a regular file\n"), std::string::npos)
-        << run.output;
-    int failed = FindMessage(run.log, "CreateWindowFromNib failed");
-    EXPECT_TRUE(failed >= 0 && run.log[failed].function == "MessageBox") << run.output;
-    EXPECT_LT(FindMessage(run.log, "AutoInstallPkg Enter"), 0) << run.output;
-    EXPECT_TRUE(Within(5000, [&] { return fs::exists(started_); })) << run.output;
-}
-
 // Standard output a pipe whose reader has gone: the progress window's messages are lost
-// instead of ending the launcher, and the commands it runs still start with SIGPIPE at its
-// default, neither ignored nor caught.
+// instead of ending the launcher (128 + 13 would be SIGPIPE), and the commands it runs still
+// start with SIGPIPE at its default, neither ignored nor caught.
 TEST_F(EndToEnd, ProgressMessagesIntoAClosedPipe) {
-    fs::remove_all(kStaged);
-    fs::remove_all(kAutoSetupCopy);
-    fs::remove(report_);
     std::string bundle = Disc("Volumes/pipe/Launcher.app", SysConfig(3, 0, 1, 0, 0, 0, app_, "yes"));
     WriteFile(bundle + "/Contents/run_local_kestrun",
               "#!/bin/sh\nsed -n 's/^SigIgn:[[:space:]]*//p' /proc/$$/status > '" + report_ + "'\n", true);
-    pid_t child = StartLauncher(bundle, bin_, temp_ / "out.txt", nullptr, [] {
-        unsetenv("DISPLAY");
-        unsetenv("WAYLAND_DISPLAY");
+    Launch(bundle, false, "", "", [] {
         int ends[2];
         if (pipe(ends) == 0) {
             close(ends[0]);
             dup2(ends[1], STDOUT_FILENO);
         }
     });
-    EXPECT_EQ(0, FinishLauncher(child, 60)) << "128 + 13: ended by SIGPIPE\n" << ReadFile(temp_ / "out.txt");
     EXPECT_TRUE(fs::exists(kStaged));
     const std::string ignored = ReadFile(report_);
     ASSERT_FALSE(ignored.empty()) << "the installer script did not run";
