@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <algorithm>
+#include <memory>
 
 #include "launcher/support.h"
 
@@ -42,6 +43,29 @@ std::string Shell(const std::string& command, int* status = nullptr) {
     if (status)
         *status = WIFEXITED(result) ? WEXITSTATUS(result) : -1;
     return output;
+}
+
+// A program beside the test, quiet but for its output into out if given, after setup in its
+// process; it goes with the test process however that ends.
+pid_t Spawn(std::vector<const char*> argv, int out = -1, const std::function<void()>& setup = nullptr) {
+    pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int quiet = open("/dev/null", O_WRONLY);
+        dup2(out >= 0 ? out : quiet, 1);
+        dup2(quiet, 2);
+        if (setup)
+            setup();
+        argv.push_back(nullptr);
+        execvp(argv[0], const_cast<char* const*>(argv.data()));
+        _exit(127);
+    }
+    return child;
+}
+
+void Stop(pid_t child, int signal = SIGKILL) {
+    if (child > 0 && kill(child, signal) == 0)
+        waitpid(child, nullptr, 0);
 }
 
 std::string StartServer(pid_t* server);
@@ -232,12 +256,20 @@ class LauncherWindowTest : public testing::Test {
             WriteFile(app + "/SysConfig.dat", Config(installedVr, 2));
     }
 
-    void Start(bool traceLoads = false) {
-        launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, [traceLoads] {
-            if (traceLoads)
-                setenv("LD_DEBUG", "files", 1);
-        });
+    // A run of its own: the log and the recorded "open" of the last run cleared first.
+    void Start(const std::function<void()>& setup = nullptr) {
+        fs::remove(root + "/open.log");
+        fs::remove(kLogFile);
+        launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, setup);
         ASSERT_GT(launcher, 0);
+    }
+
+    // A run until the window of this title shows (0 when it does not).
+    unsigned long Show(const std::string& title = kBoxTitle) {
+        Start();
+        unsigned long window = WaitForWindow(title);
+        EXPECT_NE(window, 0u) << Output();
+        return window;
     }
 
     int Finish() { return FinishLauncher(std::exchange(launcher, -1), 90); }
@@ -287,9 +319,8 @@ int BluePixels(const Picture& shot, Frame frame) {
 // the worker takes it down.
 TEST_F(LauncherWindowTest, QuestionBoxYesInstallsThroughTheProgressWindow) {
     Versions(5, 4);
-    Start();
-    unsigned long box = WaitForWindow(kBoxTitle);
-    ASSERT_NE(box, 0u) << Output();
+    unsigned long box = Show();
+    ASSERT_NE(box, 0u);
     ExpectDialog(box, true);
     Picture boxShot = Photograph(box, "question-box.png");
     EXPECT_EQ(boxShot.width, NibFrame("MessageBox_Installed").width);
@@ -333,12 +364,9 @@ TEST_F(LauncherWindowTest, QuestionBoxNoStartsTheApplication) {
                                                           {"Tab to No, Return", "Tab Return"},
                                                           {"German Escape", "Escape"}}) {
         SCOPED_TRACE(answer);
-        fs::remove(root + "/open.log");
-        fs::remove(kLogFile);
         setenv("LANG", answer == "German Escape" ? "de_DE.UTF-8" : "C.UTF-8", 1);
-        Start();
-        unsigned long box = WaitForWindow(answer == "German Escape" ? kGermanBoxTitle : kBoxTitle);
-        ASSERT_NE(box, 0u) << Output();
+        unsigned long box = Show(answer == "German Escape" ? kGermanBoxTitle : kBoxTitle);
+        ASSERT_NE(box, 0u);
         Frame no = NibFrame("MessageBox_Installed", "NO11");
         int left = 0, top = 0;
         if (keys.empty()) {
@@ -364,11 +392,8 @@ TEST_F(LauncherWindowTest, WarningBoxYesAndCloseBoxStartTheApplication) {
     Versions(5, 5);
     for (bool closeBox : {false, true}) {
         SCOPED_TRACE(closeBox ? "close box" : "space");
-        fs::remove(root + "/open.log");
-        fs::remove(kLogFile);
-        Start();
-        unsigned long box = WaitForWindow(kBoxTitle);
-        ASSERT_NE(box, 0u) << Output();
+        unsigned long box = Show();
+        ASSERT_NE(box, 0u);
         Photograph(box, "warning-box.png");
         PressKeys(box, "Escape");
         Sleep(500);
@@ -390,32 +415,17 @@ TEST_F(LauncherWindowTest, WarningBoxYesAndCloseBoxStartTheApplication) {
 // window manager draws no title bar with buttons of its own: GTK draws the title and the
 // close box alone, none on the progress window. A box minimised anyway comes back.
 TEST_F(LauncherWindowTest, OpenboxOffersNoMinimiseMaximiseOrProgressClose) {
-    pid_t openbox = fork();
-    if (openbox == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        int quiet = open("/dev/null", O_WRONLY);
-        dup2(quiet, 1);
-        dup2(quiet, 2);
-        execlp("openbox", "openbox", "--sm-disable", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    pid_t openbox = Spawn({"openbox", "--sm-disable"});
     ASSERT_GT(openbox, 0);
-    struct Stop {
-        pid_t pid;
-        ~Stop() {
-            kill(pid, SIGTERM);
-            waitpid(pid, nullptr, 0);
-        }
-    } stop{openbox};
+    std::shared_ptr<void> stop(nullptr, [openbox](void*) { Stop(openbox, SIGTERM); });
     if (!Within(10000, [] {
             return Shell("xprop -root _NET_SUPPORTING_WM_CHECK").find("window id") != std::string::npos;
         }))
         GTEST_SKIP() << "openbox did not start here (is the package openbox installed?)";
 
     Versions(5, 4);
-    Start();
-    unsigned long box = WaitForWindow(kBoxTitle);
-    ASSERT_NE(box, 0u) << Output();
+    unsigned long box = Show();
+    ASSERT_NE(box, 0u);
     auto managedWithoutFrame = [](unsigned long window) {
         return Within(5000, [&] {
             return Property(window, "_NET_FRAME_EXTENTS").find("= 0, 0, 0, 0") != std::string::npos;
@@ -446,9 +456,8 @@ TEST_F(LauncherWindowTest, LongMessageGrowsTheBox) {
               "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" + text +
                   "\";\n");
     Versions(5, 4);
-    Start();
-    unsigned long box = WaitForWindow(kBoxTitle);
-    ASSERT_NE(box, 0u) << Output();
+    unsigned long box = Show();
+    ASSERT_NE(box, 0u);
     ExpectDialog(box, true);
     Picture shot = Photograph(box, "question-box-long.png");
     Frame size = NibFrame("MessageBox_Installed"), message = NibFrame("MessageBox_Installed", "MSG1");
@@ -477,9 +486,8 @@ TEST_F(LauncherWindowTest, LongCaptionWidensTheBoxAndKeepsItsMargins) {
                      "<string name=\"title\">Install the new version over the old one now</string>");
     WriteFile(nib, text);
     Versions(5, 4);
-    Start();
-    unsigned long box = WaitForWindow(kBoxTitle);
-    ASSERT_NE(box, 0u) << Output();
+    unsigned long box = Show();
+    ASSERT_NE(box, 0u);
     Picture shot = Photograph(box, "question-box-long-caption.png");
     Frame size = NibFrame("MessageBox_Installed"), yes = NibFrame("MessageBox_Installed", "YES1"),
           message = NibFrame("MessageBox_Installed", "MSG1");
@@ -516,7 +524,6 @@ TEST_F(LauncherWindowTest, ChineseLeavesNoLoneCharacter) {
             text += "\xE5\xAE\x89"; // a character of "install"
         WriteFile(strings, "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" +
                                text + "\";\n");
-        fs::remove(root + "/open.log");
         setenv("LANG", "zh_CN.UTF-8", 1);
         Start();
         setenv("LANG", "C.UTF-8", 1);
@@ -564,17 +571,13 @@ TEST_F(LauncherWindowTest, LostDisplayIsTheCloseBoxAndTheLauncherGoesOn) {
         std::string display = StartServer(&server);
         ASSERT_FALSE(display.empty());
         setenv("DISPLAY", display.c_str(), 1);
-        fs::remove(kLogFile);
-        Start();
-        unsigned long window = WaitForWindow(kBoxTitle);
-        EXPECT_NE(window, 0u) << Output();
+        unsigned long window = Show();
         if (progressUp) {
             PressKeys(window, "Return");
             window = WaitForWindow(kProgressTitle);
             EXPECT_NE(window, 0u) << Output();
         }
-        kill(server, SIGKILL);
-        waitpid(server, nullptr, 0);
+        Stop(server);
         setenv("DISPLAY", shared.c_str(), 1);
         Sleep(300);
         WriteFile(root + "/release-copy", "");
@@ -622,11 +625,9 @@ TEST_F(LauncherWindowTest, SilentDisplayIsNoDisplay) {
              {"X server", xSocket, ":" + std::to_string(number), ""},
              {"compositor", compositor, "", compositor}}) {
         SCOPED_TRACE(name);
-        fs::remove(root + "/open.log");
-        fs::remove(kLogFile);
         int server = SilentServer(socketPath);
         ASSERT_GE(server, 0) << socketPath;
-        launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, [&] {
+        Start([&] {
             setenv("DISPLAY", display.c_str(), 1);
             setenv("WAYLAND_DISPLAY", waylandDisplay.c_str(), 1);
         });
@@ -645,24 +646,15 @@ TEST_F(LauncherWindowTest, WaylandWindowAndLostCompositor) {
     const std::string runtime = root + "/runtime", socket = runtime + "/wayland-kestrun";
     fs::create_directories(runtime);
     fs::permissions(runtime, fs::perms::owner_all, fs::perm_options::replace);
-    pid_t weston = fork();
-    if (weston == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-        int quiet = open("/dev/null", O_WRONLY);
-        dup2(quiet, 1);
-        dup2(quiet, 2);
-        execlp("weston", "weston", "--backend=headless-backend.so", "--socket=wayland-kestrun",
-               "--idle-time=0", "--shell=desktop-shell.so", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    pid_t weston = Spawn({"weston", "--backend=headless-backend.so", "--socket=wayland-kestrun",
+                          "--idle-time=0", "--shell=desktop-shell.so"},
+                         -1, [&] { setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1); });
     ASSERT_GT(weston, 0);
     if (!Within(10000, [&] { return fs::exists(socket); })) {
-        kill(weston, SIGKILL);
-        waitpid(weston, nullptr, 0);
+        Stop(weston);
         GTEST_SKIP() << "weston's headless backend did not start here (is the package weston installed?)";
     }
-    launcher = StartLauncher(bundle, root + "/bin", root + "/out.txt", nullptr, [&] {
+    Start([&] {
         unsetenv("DISPLAY");
         setenv("WAYLAND_DISPLAY", socket.c_str(), 1);
         setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
@@ -672,8 +664,7 @@ TEST_F(LauncherWindowTest, WaylandWindowAndLostCompositor) {
         return Output().find("set_title(\"" + kBoxTitle + "\")") != std::string::npos;
     })) << "no Wayland window for the box";
     Sleep(300);
-    kill(weston, SIGKILL);
-    waitpid(weston, nullptr, 0);
+    Stop(weston);
     EXPECT_EQ(Finish(), 0) << Output().substr(0, 2000);
     EXPECT_EQ(OpenLog(), "-a " + app + "\n");
     EXPECT_TRUE(LogHas({"AutoRunApplication end......", "Close messageBox window"}));
@@ -687,7 +678,7 @@ TEST_F(LauncherWindowTest, RunsWithoutAWindowNeverLoadGtk) {
     WriteFile(bundle + "/Contents/Resources/Vantorel.mpkg/Contents/Resources/SysConfig.dat",
               Config(5, 0, app));
     WriteFile(app, Config(5, 0));
-    Start(true);
+    Start([] { setenv("LD_DEBUG", "files", 1); });
     EXPECT_EQ(Finish(), 0) << Output();
     EXPECT_EQ(OpenLog(), "-a " + app + "\n");
     std::string loaded = Output();
@@ -710,16 +701,9 @@ std::string StartServer(pid_t* server) {
     int fds[2];
     if (pipe(fds) != 0)
         return "";
-    *server = fork();
-    if (*server == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        dup2(fds[1], 1);
-        dup2(open("/dev/null", O_WRONLY), 2);
-        close(fds[0]);
-        execlp("Xvfb", "Xvfb", "-displayfd", "1", "-noreset", "-screen", "0", "1280x1024x24", "-nolisten",
-               "tcp", "-extension", "GLX", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    *server = Spawn({"Xvfb", "-displayfd", "1", "-noreset", "-screen", "0", "1280x1024x24", "-nolisten",
+                     "tcp", "-extension", "GLX"},
+                    fds[1]);
     close(fds[1]);
     std::string number;
     for (char c; *server > 0 && read(fds[0], &c, 1) == 1 && c != '\n';)
@@ -737,12 +721,7 @@ class ServerEnvironment : public testing::Environment {
         unsetenv("WAYLAND_DISPLAY");
         setenv("NO_AT_BRIDGE", "1", 1); // no accessibility bus here; GTK would only warn
     }
-    void TearDown() override {
-        if (server > 0) {
-            kill(server, SIGTERM);
-            waitpid(server, nullptr, 0);
-        }
-    }
+    void TearDown() override { Stop(server, SIGTERM); }
     pid_t server = -1;
 };
 [[maybe_unused]] const auto* const kServer = testing::AddGlobalTestEnvironment(new ServerEnvironment);

@@ -3,7 +3,6 @@
 
 #include "backends/BackendInternal.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -328,24 +327,13 @@ TEST(Nibs, BundleHasEveryLanguage) {
     }
 }
 
-} // namespace
-
-namespace {
-
-// What standard error received while fn ran.
-std::string StandardErrorOf(const std::function<void()>& fn) {
-    kestrun_test::TempDir folder;
-    std::string path = folder / "stderr.txt";
-    fflush(stderr);
-    int saved = dup(STDERR_FILENO);
-    int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(file, STDERR_FILENO);
-    close(file);
-    fn();
-    fflush(stderr);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    return kestrun_test::ReadFile(path);
+// What standard error received while the GTK backend was taken and given back.
+std::string AcquireGtk() {
+    PlatSetBackend("gtk");
+    testing::internal::CaptureStderr();
+    EXPECT_NE(PlatAcquireBackend(), nullptr);
+    PlatReleaseBackend();
+    return testing::internal::GetCapturedStderr();
 }
 
 } // namespace
@@ -383,11 +371,7 @@ TEST(PlugIns, OnlyAWholeModuleOfTheBundleIsLoaded) {
         SCOPED_TRACE(c.what);
         fs::create_directories(bundle.PlugIns());
         c.make();
-        PlatSetBackend("gtk");
-        std::string said = StandardErrorOf([] {
-            ASSERT_NE(PlatAcquireBackend(), nullptr);
-            PlatReleaseBackend();
-        });
+        std::string said = AcquireGtk();
         EXPECT_STREQ(PlatGetBackendName(), fallback);
         EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
         EXPECT_NE(said.find(module), std::string::npos) << said;
@@ -397,12 +381,7 @@ TEST(PlugIns, OnlyAWholeModuleOfTheBundleIsLoaded) {
 
     // The same module whole is taken, and says nothing.
     kestrun_test::WriteFile(module, moduleBytes);
-    PlatSetBackend("gtk");
-    std::string said = StandardErrorOf([] {
-        ASSERT_NE(PlatAcquireBackend(), nullptr);
-        PlatReleaseBackend();
-    });
+    EXPECT_EQ(AcquireGtk(), "");
     EXPECT_STREQ(PlatGetBackendName(), "test-module");
-    EXPECT_EQ(said, "");
     PlatSetBackend(nullptr);
 }
