@@ -71,13 +71,15 @@ void Stop(pid_t child, int signal = SIGKILL) {
 std::string StartServer(pid_t* server);
 
 /* ---- The user at the X server ---- */
-unsigned long FindWindow(const std::string& title) {
-    return std::strtoul(Shell("xdotool search --onlyvisible --name '^" + title + "$'").c_str(), nullptr, 10);
+// A shown window by its title, or by its class ("--class").
+unsigned long FindWindow(const std::string& name, const std::string& by = "--name") {
+    return std::strtoul(Shell("xdotool search --onlyvisible " + by + " '^" + name + "$'").c_str(), nullptr,
+                        10);
 }
 
-unsigned long WaitForWindow(const std::string& title) {
+unsigned long WaitForWindow(const std::string& name, const std::string& by = "--name") {
     unsigned long window = 0;
-    Within(kWindowWaitMs, [&] { return (window = FindWindow(title)) != 0; });
+    Within(kWindowWaitMs, [&] { return (window = FindWindow(name, by)) != 0; });
     return window;
 }
 
@@ -247,6 +249,13 @@ class LauncherWindowTest : public testing::Test {
     }
 
     void TearDown() override { FinishLauncher(launcher, 0); }
+
+    // The question box's two messages in the table of a language.
+    void Messages(const std::string& language, const std::string& text) {
+        WriteFile(bundle + "/Contents/Resources/" + language + ".lproj/custom.strings",
+                  "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" + text +
+                      "\";\n");
+    }
 
     // The package on the disc and, when vr > 0, an installed copy.
     void Versions(int packageVr, int installedVr) {
@@ -452,9 +461,7 @@ TEST_F(LauncherWindowTest, LongMessageGrowsTheBox) {
     std::string text;
     for (int i = 1; i <= 12; ++i)
         text += "Sentence " + std::to_string(i) + " of a message that needs more room than its frame. ";
-    WriteFile(bundle + "/Contents/Resources/en.lproj/custom.strings",
-              "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" + text +
-                  "\";\n");
+    Messages("en", text);
     Versions(5, 4);
     unsigned long box = Show();
     ASSERT_NE(box, 0u);
@@ -516,23 +523,17 @@ TEST_F(LauncherWindowTest, ChineseLeavesNoLoneCharacter) {
     if (Shell("fc-list :lang=zh family").empty())
         GTEST_SKIP() << "no Chinese font here (Debian package fonts-wqy-microhei)";
     Versions(5, 4);
-    const std::string strings = bundle + "/Contents/Resources/zh_CN.lproj/custom.strings";
     Frame message = NibFrame("MessageBox_Installed", "MSG1"), yes = NibFrame("MessageBox_Installed", "YES1");
     for (int length = 41; length <= 73; length += 2) {
         std::string text;
         for (int i = 0; i < length; ++i)
             text += "\xE5\xAE\x89"; // a character of "install"
-        WriteFile(strings, "\"NEW_VERSION_CONFIRM\" = \"" + text + "\";\n\"DIFFERENT_VERSION_CONFIRM\" = \"" +
-                               text + "\";\n");
+        Messages("zh_CN", text);
         setenv("LANG", "zh_CN.UTF-8", 1);
         Start();
         setenv("LANG", "C.UTF-8", 1);
         // Found by its class: the Chinese title is in _NET_WM_NAME alone, which xdotool does not search.
-        unsigned long box = 0;
-        Within(kWindowWaitMs, [&] {
-            return (box = std::strtoul(Shell("xdotool search --onlyvisible --class '^Launcher$'").c_str(),
-                                       nullptr, 10)) != 0;
-        });
+        unsigned long box = WaitForWindow("Launcher", "--class");
         ASSERT_NE(box, 0u) << Output();
         Picture shot = Photograph(box, "question-box-chinese.png");
         // The last line's ink: a lone character is about as wide as it is high.

@@ -163,7 +163,8 @@ TEST_F(Install, BoxIgnoresOtherHits) {
 }
 
 // Sent on the main thread, a command is handled at once; a close that arrives twice, or a
-// command of another kind, touches no dead window.
+// command of another kind, touches no dead window. A worker faster than the main thread
+// closes the window before its modal loop starts.
 TEST_F(Install, ProgressWindowClosesOnce) {
     ShowProgressWindow();
     ASSERT_TRUE(PlatScriptIsVisible("ProgressWindow"));
@@ -173,10 +174,7 @@ TEST_F(Install, ProgressWindowClosesOnce) {
     EXPECT_FALSE(PlatScriptIsVisible("ProgressWindow"));
     SendCommandProcessEvent('clos');
     EXPECT_FALSE(IsValidWindowPtr(g_ProgressWindowRef));
-}
 
-// A worker faster than the main thread closes the window before its modal loop starts.
-TEST_F(Install, ProgressCloseBeforeTheModalLoop) {
     std::thread([] { SendCommandProcessEvent('clos'); }).join();
     testing::internal::CaptureStdout();
     ShowProgressWindow();
