@@ -63,11 +63,9 @@ struct NamedProcess {
         char* argv[] = {program.data(), const_cast<char*>("60"), nullptr};
         pid = posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv, environ) == 0 ? pid : -1;
         // The name shows only once the new program has replaced the spawned copy.
-        for (int i = 0;
-             i < 400 && ReadFile("/proc/" + std::to_string(pid) + "/comm") != name.substr(0, 15) + "\n";
-             i++) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        Within(2000, [&] {
+            return ReadFile("/proc/" + std::to_string(pid) + "/comm") == name.substr(0, 15) + "\n";
+        });
     }
     ~NamedProcess() {
         if (pid > 0 && kill(pid, SIGKILL) == 0)
@@ -101,16 +99,6 @@ inline pid_t StartLauncher(const std::string& bundle, const std::string& bin, co
     if (child > 0 && !terminal)
         setpgid(child, child);
     return child;
-}
-
-// Polls every 20 ms until done() or the time limit; the last answer.
-inline bool Within(int ms, const std::function<bool()>& done) {
-    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-        if (done())
-            return true;
-    }
-    return done();
 }
 
 // The launcher's exit status once it ended by itself, or -1 (and it is killed) after the limit.

@@ -150,17 +150,15 @@ pid_t Sleeper(const char* name, uid_t uid = static_cast<uid_t>(-1), gid_t gid = 
         _exit(127);
     }
     const std::string folder = "/proc/" + std::to_string(child);
-    for (int tries = 0; child > 0 && tries < 500; tries++) {
-        struct stat info;
-        char target[256] = {};
-        bool execd = readlink((folder + "/exe").c_str(), target, sizeof target - 1) > 0 &&
-                     std::string(target).find("sleep") != std::string::npos;
-        if (stat(folder.c_str(), &info) == 0 && (uid == static_cast<uid_t>(-1) || info.st_uid == uid) &&
-            (uid != static_cast<uid_t>(-1) || execd))
-            return child;
-        usleep(10000);
-    }
-    return -1;
+    bool started = child > 0 && kestrun_test::Within(5000, [&] {
+                       struct stat info;
+                       char target[256] = {};
+                       bool execd = readlink((folder + "/exe").c_str(), target, sizeof target - 1) > 0 &&
+                                    std::string(target).find("sleep") != std::string::npos;
+                       return stat(folder.c_str(), &info) == 0 &&
+                              (uid == static_cast<uid_t>(-1) ? execd : info.st_uid == uid);
+                   });
+    return started ? child : -1;
 }
 
 // The pids the Process Manager walks, each with the name GetProcessInformation gives it.

@@ -1,15 +1,18 @@
-/* Shared by all tests: a private folder per test, files written and read back whole, and
- * the system's fixed paths kept aside while a test uses them. */
+/* Shared by all tests: a private folder per test, files written and read back whole, the
+ * system's fixed paths kept aside while a test uses them, and waiting for a condition. */
 #ifndef TESTS_SUPPORT_TEMPDIR_H
 #define TESTS_SUPPORT_TEMPDIR_H
 
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace kestrun_test {
 
@@ -59,6 +62,16 @@ struct FixedPathGuard {
     std::string path, aside;
     bool moved;
 };
+
+// Polls every 20 ms until done() or the time limit; the last answer.
+inline bool Within(int ms, const std::function<bool()>& done) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+        if (done())
+            return true;
+    }
+    return done();
+}
 
 } // namespace kestrun_test
 
